@@ -1,0 +1,41 @@
+// bgact.h - the action engine: slow work on two background workers, the
+// rest of it back on the main thread.
+//
+// DESIGN: an action is queued with queueAction(); a worker takes it from
+// the shared FIFO, runs performThread() (which may take long but touches
+// no channel and no database), then hands it to the main thread with
+// mainQueue(). The main loop runs performMain() and completed() and
+// destroys it. The worker posts the action before it clears its busy flag,
+// so whenever isBgQueueReady() is true every finished action already stands
+// in the main queue and the stop sequence cannot miss one in transit.
+#ifndef BGACT_H
+#define BGACT_H
+
+#include <string>
+
+class ThreadAct {
+public:
+    virtual void performThread() = 0;  // worker thread
+    virtual void performMain() = 0;    // main thread, after performThread
+    virtual ~ThreadAct() = default;
+    virtual void completed() {}        // main thread, right after performMain
+};
+
+// Removes a file (securely if configured) in the background.
+class DeleteFileAct : public ThreadAct {
+public:
+    explicit DeleteFileAct(std::string strFile) : strFilename(std::move(strFile)) {}
+    void performThread() override;
+    void performMain() override {}
+
+    std::string strFilename;
+};
+
+void init_bgact();
+void close_bgact();
+// Takes ownership. Without a handler the action runs at once on the caller.
+void queueAction(ThreadAct* act);
+// True when no handler exists or both workers are idle and the queue is empty.
+bool isBgQueueReady();
+
+#endif
