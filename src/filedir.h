@@ -13,5 +13,7 @@ void EnsurePath(std::string path);
 std::string RemoveFileExtension(std::string path);
 // Deletes fn; with the secure-delete marker file present, through shred.
 bool DeleteFn(const char* fn);
+// The marker file that switches DeleteFn to shred.
+std::string SecureDeleteMarkerPath();
 
 #endif

@@ -3,7 +3,47 @@
 #ifndef SIGNALING_H
 #define SIGNALING_H
 
+#include <atomic>
+#include <condition_variable>
+#include <list>
+#include <mutex>
 #include <string>
+#include <thread>
+
+// The signalling thread and its queue. One instance, prSignalObj, built by
+// init_signaling and destroyed by close_signaling.
+class SignalObj {
+public:
+    SignalObj() = default;
+    SignalObj(const SignalObj&) = delete;
+    SignalObj& operator=(const SignalObj&) = delete;
+    ~SignalObj();
+
+    // Starts the thread.
+    void init();
+    // Stops the thread after the message in hand; waiting messages are dropped.
+    void close();
+    // Appends a message to the queue; any thread.
+    void schedule(std::string text);
+    // One delivery to the service socket, on the calling thread. Failures are
+    // logged at level 3 and otherwise lost.
+    void signal(std::string message);
+
+private:
+    void run();
+
+    std::thread rThread;
+    std::mutex rMutex;                // guards rList
+    std::condition_variable rWakeUp;  // rList grew or fPleaseStop was set
+    std::atomic<bool> fPleaseStop{false};
+    std::list<std::string> rList;  // oldest first
+};
+
+// Atomic: signal_service reads it on any thread.
+extern std::atomic<SignalObj*> prSignalObj;
+
+// Path of the service socket.
+std::string ServiceSocketPath();
 
 void init_signaling();
 void close_signaling();
