@@ -1,0 +1,139 @@
+// Strings: the edges that callers rely upon (list splitting of settings,
+// Latin-1 display texts, file names, numeric settings).
+#include <gtest/gtest.h>
+
+#include <climits>
+
+#include "fstring.h"
+
+using V = std::vector<std::string>;
+
+namespace {
+V Split(const std::string& text, char sep, bool fQuotes = false)
+{
+    V v;
+    if (fQuotes)
+        lt_split_quotes(v, text, sep);
+    else
+        lt_split(v, text, sep);
+    return v;
+}
+
+std::string AllBytes()
+{
+    std::string s;
+    for (int c = 0; c < 256; c++)
+        s += static_cast<char>(c);
+    return s;
+}
+} // namespace
+
+TEST(FString, Latin1AndUtf8RoundTripForEveryByte)
+{
+    std::string strAll = AllBytes();
+    std::string strUtf8 = Latin1ToUtf8(strAll);
+    EXPECT_EQ(strUtf8.size(), 128u + 2 * 128u);
+    EXPECT_EQ(Utf8ToLatin1(strUtf8), strAll);
+    EXPECT_EQ(Latin1ToUtf8("caf\xE9"), "caf\xC3\xA9");
+    EXPECT_EQ(GetUtf8Size(0xC3), 2);
+    EXPECT_EQ(GetUtf8Size(0xE2), 3);
+    EXPECT_EQ(GetUtf8Size(0xF0), 4);
+}
+
+TEST(FString, Utf8ToLatin1OutsideLatin1AndTruncated)
+{
+    // Three and four byte sequences and code points from 256 up become "?".
+    EXPECT_EQ(Utf8ToLatin1("a\xE2\x82\xAC"
+                           "b"),
+              "a?b");
+    EXPECT_EQ(Utf8ToLatin1("\xF0\x9F\x98\x80!"), "?!");
+    EXPECT_EQ(Utf8ToLatin1("\xC4\x80"), "?");
+    // A sequence lacking only its last byte passes: the NUL stands in for it.
+    EXPECT_EQ(Utf8ToLatin1("x\xC3"), "x\xC0");
+    EXPECT_EQ(Utf8ToLatin1("x\xE2\x82"), "x?");
+    // Lacking more than that, the whole text is unusable.
+    EXPECT_EQ(Utf8ToLatin1("abc\xF0"), "");
+    EXPECT_EQ(Utf8ToLatin1("abc\xE2"), "");
+    // Plain ASCII comes back untouched, NUL bytes included.
+    EXPECT_EQ(Utf8ToLatin1(std::string("a\0b", 3)), std::string("a\0b", 3));
+}
+
+TEST(FString, SplittingKeepsEmptyAndBlankElements)
+{
+    EXPECT_EQ(Split("", ','), V{""});
+    EXPECT_EQ(Split("a,,b,", ','), (V{"a", "", "b", ""}));
+    EXPECT_EQ(Split(std::string("a,b\0,c", 6), ','), (V{"a", "b"}));
+    V v{"old"};
+    lt_split(v, "x", ',');
+    EXPECT_EQ(v, (V{"old", "x"}));
+
+    EXPECT_EQ(Split("a,\"b,c\",d", ',', true), (V{"a", "b,c", "d"}));
+    EXPECT_EQ(Split("x\"y,z\"w,\"open,rest", ',', true), (V{"xy,zw", "open,rest"}));
+    EXPECT_EQ(Split("", ',', true), V{""});
+
+    using L = std::list<std::string>;
+    EXPECT_EQ(getElements(""), L{});
+    EXPECT_EQ(getElements("a|"), (L{"a", ""}));
+    EXPECT_EQ(getElements("|b"), (L{"", "b"}));
+}
+
+TEST(FString, TrimLeavesAllBlankTextAlone)
+{
+    auto Trimmed = [](std::string s, void (*fn)(std::string&)) {
+        fn(s);
+        return s;
+    };
+    EXPECT_EQ(Trimmed("   ", trim), "   ");
+    EXPECT_EQ(Trimmed("", trim), "");
+    EXPECT_EQ(Trimmed("\t\r\n a b \n", trim), "a b");
+    EXPECT_EQ(Trimmed("  first second", trimWord), "first");
+    EXPECT_EQ(Trimmed(" \t ", trimWord), "");
+}
+
+TEST(FString, MakeValidFileNameStrReplacesUnsafeBytes)
+{
+    EXPECT_EQ(MakeValidFileNameStr("Ab-1.(x)"), "Ab-1.(x)");
+    EXPECT_EQ(MakeValidFileNameStr("a b\"%&*/:<>?\\|z\xE9\x7F\t"), "a_b___________z___");
+    std::string strAll = MakeValidFileNameStr(AllBytes());
+    ASSERT_EQ(strAll.size(), 256u);
+    for (unsigned char c : strAll)
+        EXPECT_TRUE(c == '_' || (c > 32 && c < 127 && c != '/' && c != '\\')) << int(c);
+    EXPECT_EQ(MakeValidFileNameStr(""), "");
+}
+
+TEST(FString, NumbersReadLikeStrtolAndSaturate)
+{
+    EXPECT_EQ(StrToInt(""), 0);
+    EXPECT_EQ(StrToInt("abc"), 0);
+    EXPECT_EQ(StrToInt("  42x"), 42);
+    EXPECT_EQ(StrToInt("-7"), -7);
+    EXPECT_EQ(StrToInt("010"), 10);
+    EXPECT_EQ(StrToInt("3000000000"), INT_MAX);
+    EXPECT_EQ(StrToInt("-3000000000"), INT_MIN);
+    EXPECT_EQ(StrToLong("99999999999999999999999"), LONG_MAX);
+    EXPECT_EQ(ToStdString(-12), "-12");
+    EXPECT_EQ(ToStdString(1LL << 40), "1099511627776");
+}
+
+TEST(FString, PrefixesRepeatsAndNullSafety)
+{
+    EXPECT_TRUE(acBeginsWith("abc", ""));
+    EXPECT_TRUE(acBeginsWith("", ""));
+    EXPECT_FALSE(acBeginsWith("", "a"));
+    EXPECT_FALSE(acBeginsWith("ab", "abc"));
+    EXPECT_FALSE(acBeginsWith(nullptr, "a"));
+    EXPECT_TRUE(acBeginsWith(nullptr, nullptr));
+    EXPECT_FALSE(beginsWith("ab", "abc"));
+    EXPECT_TRUE(beginsWith("abc", "ab"));
+    EXPECT_EQ(StdStringNullSafe(nullptr), "");
+
+    EXPECT_EQ(StrRepeat(1, "?", ","), "?");
+    EXPECT_EQ(StrRepeat(3, "?", ","), "?,?,?");
+    EXPECT_EQ(StrRepeat(0, "?", ","), "");
+    EXPECT_EQ(StrRepeat(-2, "?", ","), "");
+
+    StringMap m;
+    m.AddLatin1("name", "J\xFCrg");
+    m.AddUtf8("name", m.data["name"] + "!");
+    EXPECT_EQ(m.data["name"], "J\xC3\xBCrg!");
+}
