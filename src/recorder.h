@@ -15,17 +15,18 @@
 #define RECORDER_H
 
 #include <atomic>
+#include <ctime>
 #include <list>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "bgact.h"
 #include "fstring.h"
 #include "irecorder.h"
 
 class BaseChannel;
-class ThreadAct;
 
 enum ECfgLoadMethod { CFG_LIVE_LOAD = 0, CFG_CACHED_LOAD = 1 };
 
@@ -167,6 +168,24 @@ void mainQueue(ThreadAct* act);
 // the main thread; other threads go through mainQueue().
 TRecorderBoot* CurrentBoot();
 
+// Sets the boot that mainQueue() feeds (RecorderMain, and tests that run a
+// loop of their own). Main thread only.
+void SetCurrentBoot(TRecorderBoot* prBoot);
+
+// For tests: makes the database of every boot that RecorderMain builds
+// (each boot owns what it gets). Null restores the real Database.
+void SetBootDatabaseFactory(IDatabase* (*pfnMake)());
+
+// A service message carried through the background queue.
+class SlowHandlerMsg : public ThreadAct {
+public:
+    explicit SlowHandlerMsg(std::string strMsg) : msg(std::move(strMsg)) {}
+    void performThread() override;
+    void performMain() override {}
+
+    std::string msg;
+};
+
 class CRecorder : public ICRecorder {
 public:
     CRecorder();
@@ -219,6 +238,38 @@ public:
     std::atomic<int> iBitStreamChNr{-1};
     bool fInitializing = true;
     time_t lastEventReportTime = 0;
+
+private:
+    // Null for an index outside vrBoardList.
+    TBoard* BoardAt(int iBoardListIx);
+    // False for -1 (silently) and, with a log line, for any index outside vChannels.
+    bool IsValidChannelIx(int iChIx, int iReported);
+    void LoadFixedSettings();
+    void CreateChannels();
+};
+
+// The run loop of TRecorderBoot::RecorderUseBoardsLoop, one pass at a time
+// so that tests can step it with their own event source. Main thread only.
+class RecorderLoop {
+public:
+    typedef int (*WaitEventFn)(DWORD dwTimeOutMs, SSM_EVENT* pEvent);
+
+    RecorderLoop(TRecorderBoot& rBoot, CRecorder& rRecorder, WaitEventFn pfnWait = SsmWaitForEventA);
+    // One pass: at most one event, the once-a-second Periodic, at most one
+    // act of the main queue. False when the loop is to be left.
+    bool RunPass();
+
+private:
+    void TakeEvent();
+    void RunPeriodic();
+    // Runs the front act of the main queue; false when it was empty.
+    bool RunOneAct();
+
+    TRecorderBoot& rBoot;
+    CRecorder& rRecorder;
+    WaitEventFn pfnWaitEvent;
+    time_t rLastPeriod;
+    bool fCalledShutDown = false;
 };
 
 #endif
