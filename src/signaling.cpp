@@ -144,6 +144,9 @@ void SignalObj::signal(std::string message)
     tv.tv_sec = SERVICE_REPLY_TIMEOUT_S;
     tv.tv_usec = 0;
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
+    // A service that stops accepting fills its backlog, and connect would
+    // then block for good; the send time-out bounds connect and write too.
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof(tv));
 
     memset(&rAddr, 0, sizeof(rAddr));
     rAddr.sun_family = AF_UNIX;

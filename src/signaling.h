@@ -47,7 +47,9 @@ std::string ServiceSocketPath();
 
 void init_signaling();
 void close_signaling();
-// Queues a message for the service; any thread, after init_signaling.
+// Queues a message for the service; any thread, after init_signaling and
+// before close_signaling (which runs once every other thread has stopped).
+// Without a running SignalObj the message is dropped with a warning.
 void signal_service(std::string text);
 
 // Runs a shell command, returns its standard output ("" on failure).

@@ -175,14 +175,14 @@ TEST_F(Signaling, SilentServiceTimesOut)
     EXPECT_LT(tTaken, std::chrono::milliseconds(7000));
 }
 
-TEST(Shell, EscapedTextsReachTheCommandUnchanged)
+TEST(ShellExec, EscapedTextsReachTheCommandUnchanged)
 {
     for (std::string s : {"", "a b", "it's", "'", "''x'", "$HOME `id` \"q\" \\ * ;|&", "two\nlines"})
         EXPECT_EQ(stdSystem("printf %s " + escapeShellArg(s)), s) << s;
     EXPECT_EQ(escapeShellArg("it's"), "'it'\\''s'");
 }
 
-TEST(Shell, OutputAndStatus)
+TEST(ShellExec, OutputAndStatus)
 {
     std::string strLong = std::string(700, 'y');
     EXPECT_EQ(stdSystem("echo " + strLong + "; echo z"), strLong + "\nz\n");
