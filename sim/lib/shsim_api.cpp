@@ -1,0 +1,109 @@
+// shsim_api.cpp - the in-process test API of the simulator (see include/shsim.h).
+#include "../include/shsim.h"
+
+#include "control.h"
+#include "eventq.h"
+#include "simstate.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace {
+
+void CopyOut(const std::string& text, char* buf, size_t len)
+{
+    if (!buf || len == 0)
+        return;
+    size_t n = std::min(text.size(), len - 1);
+    memcpy(buf, text.data(), n);
+    buf[n] = '\0';
+}
+
+} // namespace
+
+extern "C" {
+
+void shsim_set_root(const char* root)
+{
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    s.strRoot = root ? root : "";
+    s.fRootSet = true;
+}
+
+void shsim_get_root(char* buf, size_t len)
+{
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    CopyOut(SimRootLocked(s), buf, len);
+}
+
+void shsim_reset(void)
+{
+    SsmCloseCti();
+    Events().SetStepMode(false);
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    s.vCallLog.clear();
+    s.strLastError.clear();
+    s.fScriptOverride = false;
+    s.iFailFirst = 0;
+    s.dFailSeconds = 0;
+    s.iStartCalls = 0;
+    s.fHaveFirstCall = false;
+    s.rHw = HardwareDesc();
+    s.dwRecMemCondition = s.dwRecMemParam = 0;
+}
+
+int shsim_inject_event(unsigned short code, int ref, unsigned int param, unsigned int subReason,
+                       const void* data, unsigned int len)
+{
+    if (len > 4096 || (len > 0 && !data))
+        return -1;
+    SimEvent ev;
+    ev.wEventCode = code;
+    ev.nReference = ref;
+    ev.dwParam = param;
+    ev.dwSubReason = subReason;
+    if (len > 0)
+        ev.strData.assign(static_cast<const char*>(data), len);
+    return Events().Push(ev) ? 0 : -1;
+}
+
+int shsim_set_state(int ch, int state)
+{
+    std::string reply = ExecuteCommand("state " + std::to_string(ch) + " " + std::to_string(state));
+    if (reply.compare(0, 2, "OK") != 0)
+        return -1;
+    return reply.find("dropped") == std::string::npos ? 0 : 1;
+}
+
+void shsim_script_start_failures(int failFirst, double failSeconds)
+{
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    s.fScriptOverride = true;
+    s.iFailFirst = failFirst;
+    s.dFailSeconds = failSeconds;
+    s.iStartCalls = 0;
+    s.fHaveFirstCall = false;
+}
+
+void shsim_set_step_mode(int on)
+{
+    Events().SetStepMode(on != 0);
+}
+
+int shsim_pending_events(void)
+{
+    return static_cast<int>(Events().Size());
+}
+
+int shsim_command(const char* line, char* reply, size_t len)
+{
+    std::string r = ExecuteCommand(line ? line : "");
+    CopyOut(r, reply, len);
+    return r.compare(0, 2, "OK") == 0 ? 0 : -1;
+}
+
+} // extern "C"
