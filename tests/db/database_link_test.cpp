@@ -16,7 +16,8 @@ class DatabaseLinkTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(PgResetTables());
+        ASSERT_TRUE(PgResetTables())
+            << "is the private cluster running? scripts/pg-private start <build>/pgtest";
         ASSERT_TRUE(PgExec("INSERT INTO Configs (param, value, part) VALUES ('p', '17', 'crec')"));
         Database::Init();
     }

@@ -15,7 +15,8 @@ class DatabaseTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_TRUE(PgResetTables());
+        ASSERT_TRUE(PgResetTables())
+            << "is the private cluster running? scripts/pg-private start <build>/pgtest";
         Database::Init();
     }
     // An ActiveCalls row made by the front end's way, not by the code under test.

@@ -75,8 +75,15 @@ bool PgResetTables()
 
 bool PgRestartServer()
 {
+    // The cluster the tests talk to: PGHOST is its socket directory <dir>/run.
+    PgUseTestServer();
+    std::string strDir = getenv("PGHOST");
+    const std::string strRun = "/run";
+    if (strDir.size() > strRun.size() &&
+        strDir.compare(strDir.size() - strRun.size(), strRun.size(), strRun) == 0)
+        strDir.resize(strDir.size() - strRun.size());
     bool fOk;
-    Run(std::string(QUORDA_SOURCE_DIR "/scripts/pg-private restart ") + QUORDA_PG_DIR + " 2>&1", &fOk);
+    Run(QUORDA_SOURCE_DIR "/scripts/pg-private restart " + ShellQuote(strDir) + " 2>&1", &fOk);
     return fOk;
 }
 
