@@ -29,12 +29,6 @@ TEST_F(FileDir, DeleteFnPlainAndSecure)
     EXPECT_FALSE(file_exists(strOdd));
     EXPECT_TRUE(rLog.Contains("Exec: shred -u ", 5));
     EXPECT_FALSE(DeleteFn(strOdd.c_str()));
-
-    // A directory can't be shredded away: still there, so false.
-    std::string strDir = rRoot.strRoot + "/rec/dir.wav";
-    EnsurePath(strDir);
-    EXPECT_FALSE(DeleteFn(strDir.c_str()));
-    EXPECT_TRUE(file_exists(strDir));
 }
 
 TEST_F(FileDir, EnsurePathMakesParentsAndLeavesExistingAlone)
