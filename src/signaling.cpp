@@ -81,6 +81,8 @@ SignalObj::~SignalObj()
 
 void SignalObj::init()
 {
+    if (rThread.joinable())
+        return; // already running
     fPleaseStop = false;
     rThread = std::thread(&SignalObj::run, this);
 }
