@@ -5,61 +5,38 @@
 
 // ---- the tool's file ----------------------------------------------------------
 
-TEST_F(BootTest, ParsesBoardsOfToolFileInOrder)
+TEST_F(BootTest, ParsesBoardsOfToolFileAndDropsUnknownModels)
 {
-    rBoot.ParseDetectedBoards(
-        rRoot.Write("/tools/ShConfig.ini", ToolFile({kPri, kDst, {"3003", "SHR-16", 16}})));
+    rBoot.ParseDetectedBoards(rRoot.Write(
+        "/tools/ShConfig.ini", ToolFile({kPri, {"9009", "XYZ-8", 8}, kDst, {"3003", "SHR-16", 16}})));
 
     ASSERT_EQ(rBoot.vrDetectedBoards.size(), 3u);
     const TBoard& rPri = rBoot.vrDetectedBoards[0];
     EXPECT_EQ(rPri.getId(), "Syn1001");
-    EXPECT_EQ(rPri.strModel, "DTP-120");
     EXPECT_EQ(rPri.iMaxCh, 120);
     EXPECT_EQ(rPri.iWebMaxCh, 60); // two driver channels per call
     EXPECT_EQ(rBoot.vrDetectedBoards[1].iWebMaxCh, 32);
     EXPECT_EQ(rBoot.vrDetectedBoards[2].GetCtType(), CT_DST);
-    EXPECT_EQ(rBoot.rNewConfigs["Syn1001_Present"], "1");
     EXPECT_EQ(rBoot.rNewConfigs["Syn3003_Present"], "1");
+    EXPECT_FALSE(rBoot.rNewConfigs.count("Syn9009_Present"));
     EXPECT_TRUE(rLog.Contains("1. SN: 2002 Model: DST-32 MaxCh: 32 webMaxCh: 32", 5));
+    EXPECT_FALSE(rLog.Contains("XYZ"));
     EXPECT_FALSE(rLog.Contains("Unequal size"));
 }
 
-TEST_F(BootTest, CrLfToolFileGivesNoBoards)
+TEST_F(BootTest, CrLfOrUnequalListsGiveAnErrorAndTheShortestLength)
 {
-    // The section names keep their "]", so the channel table isn't recognised.
+    // With CR LF the section names keep their "]": no channel table is recognised.
     rBoot.ParseDetectedBoards(rRoot.Write("/tools/ShConfig.ini", ToolFile({kPri, kDst}, "\r\n")));
-
     EXPECT_TRUE(rBoot.vrDetectedBoards.empty());
     EXPECT_TRUE(rLog.Contains("Unequal size in detect boards", 3));
-}
 
-TEST_F(BootTest, UnequalListsPairByPositionUpToTheShortest)
-{
-    std::string strFile = ToolFile({kDst, kPri});
-    strFile += "[BoardId=2]\nBoardSerialNumber=4004\n"; // serial without model
+    rLog.Clear();
+    std::string strFile = ToolFile({kDst, kPri}) + "[BoardId=2]\nBoardSerialNumber=4004\n";
     rBoot.ParseDetectedBoards(rRoot.Write("/tools/ShConfig.ini", strFile));
-
     EXPECT_TRUE(rLog.Contains("Unequal size in detect boards", 3));
     ASSERT_EQ(rBoot.vrDetectedBoards.size(), 2u);
     EXPECT_EQ(rBoot.vrDetectedBoards[1].strSerial, "1001");
-    EXPECT_FALSE(rBoot.rNewConfigs.count("Syn4004_Present"));
-}
-
-TEST_F(BootTest, UnknownModelIsDroppedSilently)
-{
-    rBoot.ParseDetectedBoards(rRoot.Write("/tools/ShConfig.ini", ToolFile({{"9009", "XYZ-8", 8}, kDst})));
-
-    ASSERT_EQ(rBoot.vrDetectedBoards.size(), 1u);
-    EXPECT_EQ(rBoot.vrDetectedBoards[0].strSerial, "2002");
-    EXPECT_FALSE(rBoot.rNewConfigs.count("Syn9009_Present"));
-    EXPECT_FALSE(rLog.Contains("XYZ"));
-}
-
-TEST_F(BootTest, MissingToolFileGivesNoBoards)
-{
-    rBoot.ParseDetectedBoards(SysPath("/tools/none.ini"));
-    EXPECT_TRUE(rBoot.vrDetectedBoards.empty());
-    EXPECT_FALSE(rLog.Contains("Unequal size"));
 }
 
 // ---- error paths: short and malformed lines never index outside a line ----------
@@ -83,6 +60,8 @@ TEST_F(BootTest, ShortAndMalformedToolLinesAreSafe)
 
     rRoot.Write("/tools/bad.ini", "[AppChToBoardChTable");
     rBoot.ParseDetectedBoards(SysPath("/tools/bad.ini"));
+    rBoot.ParseDetectedBoards(SysPath("/tools/none.ini"));
+    EXPECT_EQ(rBoot.vrDetectedBoards.size(), 1u);
 }
 
 // ---- the board list and its numbering -------------------------------------------
@@ -107,7 +86,6 @@ TEST_F(BootTest, NumbersPriAndDstBoardsInDriverWebAndCicCount)
     // The second direction of a PRI span has no web channel and no CIC.
     EXPECT_EQ(rBoot.rDrvToWebChMap.count(30), 0u);
     EXPECT_EQ(rBoot.rAppToCicChMap.count(119), 0u);
-    EXPECT_EQ(rBoot.rDrvToWebChMap.size(), 92u);
     EXPECT_EQ(rBoot.rCicToAppChMap.size(), 60u);
 
     const TBoard& rDst = rBoot.vrBoardList[1];
@@ -118,9 +96,6 @@ TEST_F(BootTest, NumbersPriAndDstBoardsInDriverWebAndCicCount)
     EXPECT_EQ(rBoot.vrBoardList[0].strPBXType, "");
     EXPECT_EQ(rBoot.strCardList, "Syn1001,Syn2002");
     EXPECT_EQ(rBoot.rNewConfigs["Syn1001_MaxChannels"], "60");
-    EXPECT_EQ(rBoot.rNewConfigs["Syn2002_Model"], "DST-32");
-    EXPECT_EQ(rBoot.GetBoardListIxForBoardId(1), 1);
-    EXPECT_EQ(rBoot.GetBoardCardType(2), CT_UNKNOWN);
     EXPECT_TRUE(rLog.Contains("New CardList: Syn1001,Syn2002", 5));
 }
 
@@ -135,7 +110,6 @@ TEST_F(BootTest, AbsentStoredCardKeepsWebNumbersOfTheCardsBehindIt)
     ASSERT_EQ(rBoot.vrBoardList.size(), 3u);
     const TBoard& rAbsent = rBoot.vrBoardList[1];
     EXPECT_FALSE(rAbsent.fPresent);
-    EXPECT_EQ(rAbsent.getId(), "Syn5005");
     EXPECT_EQ(rAbsent.iBoardId, -1);
     EXPECT_EQ(rAbsent.iMaxCh, 0);
     const TBoard& rDst = rBoot.vrBoardList[2];
@@ -144,8 +118,6 @@ TEST_F(BootTest, AbsentStoredCardKeepsWebNumbersOfTheCardsBehindIt)
     EXPECT_EQ(rDst.iBoardId, 1);
     EXPECT_EQ(rDst.strPBXType, "Alcatel");
     EXPECT_EQ(rBoot.rDrvToWebChMap[120], 90);
-    EXPECT_EQ(rBoot.rDrvToWebChMap[60], 30);
-    EXPECT_EQ(rBoot.iTotalWebMaxCh, 122);
     EXPECT_EQ(rBoot.rNewConfigs["Syn5005_Present"], "0");
     EXPECT_FALSE(rBoot.rNewConfigs.count("Syn5005_MaxChannels"));
     EXPECT_EQ(rBoot.strCardList, "Syn1001,Syn5005,Syn2002");
@@ -172,12 +144,10 @@ TEST_F(BootTest, DuplicateStoredIdIsTakenOnceAndNewCardsGoLast)
     Detect({{"8008", "ATP-8", 8}, kPri, kDst});
 
     ASSERT_EQ(rBoot.vrBoardList.size(), 4u);
-    EXPECT_TRUE(rBoot.vrBoardList[0].fPresent);
     EXPECT_FALSE(rBoot.vrBoardList[1].fPresent); // the second occurrence
     EXPECT_EQ(rBoot.vrBoardList[1].getId(), "Syn2002");
     EXPECT_EQ(rBoot.vrBoardList[2].getId(), "Syn1001");
     EXPECT_EQ(rBoot.vrBoardList[2].iWebStartCh, 64);
-    EXPECT_EQ(rBoot.vrBoardList[3].getId(), "Syn8008");
     EXPECT_EQ(rBoot.vrBoardList[3].iBoardId, 2);
     EXPECT_EQ(rBoot.vrBoardList[3].iStartCh, 152);
     EXPECT_EQ(rBoot.strCardList, "Syn2002,Syn2002,Syn1001,Syn8008");
@@ -188,7 +158,6 @@ TEST_F(BootTest, EmptyStoredListTakesAllCardsAsNew)
     Detect({{"60", "DTP-60", 60}});
 
     ASSERT_EQ(rBoot.vrBoardList.size(), 1u);
-    EXPECT_EQ(rBoot.vrBoardList[0].iWebMaxCh, 30);
     EXPECT_EQ(rBoot.rCicToAppChMap.size(), 30u);
     EXPECT_EQ(rBoot.rCicToAppChMap[29], 29);
     EXPECT_EQ(rBoot.rNewConfigs["Syn60_Present"], "1");

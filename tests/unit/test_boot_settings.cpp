@@ -24,17 +24,6 @@ protected:
 
 // ---- Init -------------------------------------------------------------------------
 
-TEST_F(SettingsTest, InitLoadsThePartsWhenRecordingIsOn)
-{
-    prDb->Set("crec", "Syn77_AudioThr", "20");
-    prDb->Set("o", "TdmLogApi", "1");
-    EXPECT_TRUE(rBoot.Init());
-    EXPECT_EQ(rBoot.prDatabase, prDb);
-    EXPECT_EQ(rBoot.rConfigs["Syn77_AudioThr"], "20");
-    EXPECT_EQ(rBoot.GetOSetting("TdmLogApi"), "1");
-    EXPECT_EQ(rBoot.GetSysSetting("crec"), "1");
-}
-
 TEST_F(SettingsTest, InitRefusesOnMarkerFileOrSwitchNotOne)
 {
     rRoot.Write("/var/quorda/conf/crec_disabled", "");
@@ -49,19 +38,24 @@ TEST_F(SettingsTest, InitRefusesOnMarkerFileOrSwitchNotOne)
         EXPECT_FALSE(rBoot.Init()) << acValue;
         EXPECT_TRUE(rLog.Contains("Card recording is disabled in database", 4));
     }
+    prDb->Set("s", "crec", "1");
+    prDb->Set("o", "TdmLogApi", "1");
+    EXPECT_TRUE(rBoot.Init());
+    EXPECT_EQ(rBoot.GetOSetting("TdmLogApi"), "1");
 }
 
 // ---- channel lists and built-in values ---------------------------------------------
 
-TEST_F(SettingsTest, ChannelFieldsOfACommaList)
+TEST_F(SettingsTest, ChannelFieldsOfACommaListAndTheBuiltInValues)
 {
     rBoot.rConfigs["Syn77_AudioThr"] = "3,,5";
     rBoot.rConfigs["Syn77_OffHookThr"] = "3,4";
+    rBoot.rConfigs["Syn77_Trigger"] = "0,2";
+    rBoot.rConfigs["Syn77_AudioSens"] = "loud";
 
     EXPECT_EQ(Ch(1, "AudioThr"), "");
     EXPECT_EQ(ChInt(1, "AudioThr"), 12); // empty field: built-in value, not 0
     EXPECT_EQ(ChInt(2, "AudioThr"), 5);
-    EXPECT_EQ(Ch(2, "OffHookThr"), "");
     EXPECT_EQ(ChInt(2, "OffHookThr"), 26);
     EXPECT_EQ(Ch(0, "OffHookThr"), "3");
     // The last field ends with the list's terminating NUL.
@@ -72,13 +66,6 @@ TEST_F(SettingsTest, ChannelFieldsOfACommaList)
     EXPECT_STREQ(Ch(0, "PhoneType").c_str(), "");
     EXPECT_EQ(Ch(1, "PhoneType"), "");
     EXPECT_EQ(Ch(-1, "OffHookThr"), "");
-}
-
-TEST_F(SettingsTest, ZeroStandsForTheBuiltInValue)
-{
-    rBoot.rConfigs["Syn77_Trigger"] = "0,2";
-    rBoot.rConfigs["Syn77_SilenceT"] = "0";
-    rBoot.rConfigs["Syn77_AudioSens"] = "loud";
 
     EXPECT_EQ(ChInt(0, "Trigger"), 1); // a stored 0 can't be set
     EXPECT_EQ(ChInt(1, "Trigger"), 2);
@@ -156,9 +143,9 @@ TEST_F(SettingsTest, ConditionListsReadHexEventsAndSubReasons)
     EXPECT_FALSE(TRecorderBoot::IsCondition(v, 0x1F, 0));
 
     // The first entry fails on its sub-reason, the second matches any.
-    std::vector<StartStopCnd> vOrder;
-    TRecorderBoot::AddCndList("21.3,21", vOrder);
-    EXPECT_TRUE(TRecorderBoot::IsCondition(vOrder, 0x21, 7));
+    v.clear();
+    TRecorderBoot::AddCndList("21.3,21", v);
+    EXPECT_TRUE(TRecorderBoot::IsCondition(v, 0x21, 7));
 }
 
 TEST_F(SettingsTest, BoardConditionsComeFromTheBoardsLists)
