@@ -20,7 +20,7 @@ int Clamp(int iValue, int iLow, int iHigh)
 {
     return iValue < iLow ? iLow : (iValue > iHigh ? iHigh : iValue);
 }
-}  // namespace
+} // namespace
 
 BaseChannel::BaseChannel()
 {

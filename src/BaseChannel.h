@@ -67,7 +67,7 @@ public:
     int iDrvCh = 0;
     int iBoardListIx = 0;
     int iBoardCh = -1;
-    int iRecSource = 0;  // 0 base, 1 analog, 5 DST, 6 PRI
+    int iRecSource = 0; // 0 base, 1 analog, 5 DST, 6 PRI
 
     // ---- call state -------------------------------------------------------
     bool fCallBusy = false;
@@ -116,7 +116,7 @@ public:
     FILE* hRawFile = nullptr;
     int iRecordOffset = 0;
     int iRecordBufSize = 0;
-    long long iRecordByteCnt = 0;  // 64-bit: a long recording passes 2 GB
+    long long iRecordByteCnt = 0; // 64-bit: a long recording passes 2 GB
     BYTE* acRecordBuf = nullptr;
     FILE* hAudioFile = nullptr;
     bool fSilencing = false;

@@ -44,11 +44,11 @@ private:
     bool idleWait();
 
     std::thread rThread[2];
-    std::mutex rMutex;                  // guards rList
-    std::condition_variable rWakeUp;    // signalled with rMutex on queue and close
+    std::mutex rMutex;               // guards rList
+    std::condition_variable rWakeUp; // signalled with rMutex on queue and close
     std::atomic<bool> fPleaseStop{false};
     std::atomic<bool> fBusy[2] = {{false}, {false}};
-    std::list<ThreadAct*> rList;        // owns its entries
+    std::list<ThreadAct*> rList; // owns its entries
 };
 
 // Set and cleared by the main thread; read by any thread that queues.
@@ -135,7 +135,7 @@ void BgActHandler::close()
     rList.clear();
 }
 
-}  // namespace
+} // namespace
 
 void init_bgact()
 {

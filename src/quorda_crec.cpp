@@ -47,8 +47,8 @@ const int MAX_FRAMES = 15;
 
 // ---- state of the crash handler, prepared outside it ---------------------------
 char g_acErrCrecPath[512];
-int g_iSyslogFd = -1;                 // datagram socket to the system log, or -1
-int g_aiTracePipe[2] = {-1, -1};      // backtrace lines on their way to the log
+int g_iSyslogFd = -1;            // datagram socket to the system log, or -1
+int g_aiTracePipe[2] = {-1, -1}; // backtrace lines on their way to the log
 char g_acTraceBuf[8192];
 void* g_apvFrames[MAX_FRAMES];
 
@@ -218,7 +218,7 @@ int RunDaemon()
     lg(5, "QUORDA-CREC exit");
     return iStatus;
 }
-}  // namespace
+} // namespace
 
 bool CheckCardDriver()
 {
@@ -308,7 +308,7 @@ int quorda_crec_main(int argc, char** argv)
     if (fFork) {
         int iResult = spawn_me();
         if (iResult == 0)
-            return 0;  // the parent
+            return 0; // the parent
         if (iResult != -1) {
             WriteErrCrec("Could not start");
             return iResult;

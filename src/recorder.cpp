@@ -34,7 +34,7 @@ const double SLOW_HANDLER_S = 0.1;
 const int ATTEMPT_AGAIN = -1;
 
 std::mutex g_rBootMutex;
-std::atomic<TRecorderBoot*> g_prBoot{nullptr};  // written under g_rBootMutex
+std::atomic<TRecorderBoot*> g_prBoot{nullptr}; // written under g_rBootMutex
 IDatabase* (*g_pfnMakeBootDb)() = nullptr;
 
 // The serial is cut at the first character that isn't a letter or digit,
@@ -107,7 +107,7 @@ void NoteDriverVersion(TRecorderBoot& rBoot)
 int RunAttempt(TRecorderBoot& rBoot, bool fFirstAttempt, time_t rStart, bool& fCardsStarted)
 {
     if (!rBoot.Init())
-        return 0;  // recording disabled
+        return 0; // recording disabled
     if (fFirstAttempt)
         LogOldCardCount(rBoot);
     rBoot.PrepareConfig();
@@ -140,7 +140,7 @@ int RunAttempt(TRecorderBoot& rBoot, bool fFirstAttempt, time_t rStart, bool& fC
     rBoot.RecorderUseBoardsLoop();
     return 0;
 }
-}  // namespace
+} // namespace
 
 // ---- attempt loop --------------------------------------------------------------
 
@@ -198,7 +198,7 @@ void mainQueue(ThreadAct* act)
             return;
         }
     }
-    delete act;  // no loop is left to run it
+    delete act; // no loop is left to run it
 }
 
 void TRecorderBoot::queue(ThreadAct* act)
@@ -413,7 +413,7 @@ void CRecorder::LoadFixedSettings()
     else if (strRecEnc == "mp3")
         eRecEnc = RECENC_MP3;
     else
-        eRecEnc = RECENC_G711A;  // unknown words and empty record A-law
+        eRecEnc = RECENC_G711A; // unknown words and empty record A-law
     lg(5, "Encoding: %s", strRecEnc.c_str());
     lg(5, "Silence-On-Demand: %d", fSilenceOnDemand ? 1 : 0);
     fStereo = StrToInt(b.GetOSetting("RecStereo")) != 0;
@@ -480,7 +480,7 @@ TBoard* CRecorder::BoardAt(int iBoardListIx)
 bool CRecorder::IsValidChannelIx(int iChIx, int iReported)
 {
     if (iChIx == -1)
-        return false;  // no channel meant
+        return false; // no channel meant
     if (iChIx < 0 || iChIx >= static_cast<int>(vChannels.size())) {
         lg(4, "Channel out of range: %d", iReported);
         return false;
@@ -715,7 +715,7 @@ void CRecorder::WriteLineStatus()
         std::string strLine = "Line_" + ToStdString(prChannel->iChannel) + ": " +
                               BaseChannel::GetLineHealthDescr(prChannel->eLineHealth) + "\n";
         if (fwrite(strLine.data(), 1, strLine.size(), f) != strLine.size()) {
-            fclose(f);  // the real file keeps its old content
+            fclose(f); // the real file keeps its old content
             return;
         }
     }
@@ -726,7 +726,7 @@ void CRecorder::WriteLineStatus()
 void CRecorder::NewLineHealth(int iChIx)
 {
     if (fInitializing)
-        return;  // the burst of changes during channel creation writes nothing
+        return; // the burst of changes during channel creation writes nothing
     if (!IsValidChannelIx(iChIx, iChIx))
         return;
     WriteLineStatus();

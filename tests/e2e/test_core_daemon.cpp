@@ -20,13 +20,12 @@
 
 namespace {
 
-const char* kPriAndDst =
-    "[board]\nmodel=DTP-120\nserial=7001\nchannels=120\n\n"
-    "[board]\nmodel=DST-32\nserial=7002\nchannels=32\n";
+const char* kPriAndDst = "[board]\nmodel=DTP-120\nserial=7001\nchannels=120\n\n"
+                         "[board]\nmodel=DST-32\nserial=7002\nchannels=32\n";
 const char* kOneAnalog = "[board]\nmodel=ATP-24A\nserial=7003\nchannels=24\n";
 const char* kNoBoards = "# no cards in this machine\n";
 
-const int kStartMs = 60000;  // board wait, detection tool, driver start
+const int kStartMs = 60000; // board wait, detection tool, driver start
 
 std::string ReadFile(const std::string& strPath)
 {
@@ -90,7 +89,7 @@ TEST(DaemonGates, DisabledByFileIdlesUntilSigterm)
     ASSERT_TRUE(d.Start());
     ASSERT_TRUE(d.WaitForLine("waiting for exit", 20000));
     EXPECT_TRUE(d.HasLine("Card recording is disabled using file"));
-    EXPECT_EQ(d.WaitExit(1000), -1);  // still there, idle
+    EXPECT_EQ(d.WaitExit(1000), -1); // still there, idle
     d.Signal(SIGTERM);
     EXPECT_TRUE(ExitedWith(d.WaitExit(3000), 0));
     EXPECT_LT(d.LineIndex("Closing extra threads"), d.LineIndex("QUORDA-CREC exit"));
@@ -143,9 +142,9 @@ TEST(DaemonRun, StartsNumbersTheChannelsRoutesEventsAndStopsInOrder)
     EXPECT_TRUE(d.HasLine("Board audio detect "));
 
     std::string strCrec = PgQuery("SELECT param || '=' || value FROM Configs WHERE part = 'crec'");
-    for (const char* acRow : {"Syn7001_Present=1", "Syn7002_Present=1", "Syn7001_MaxChannels=60",
-                              "Syn7002_StartCh=60", "Syn7002_MaxChannels=32", "Syn7001_Channels=",
-                              "CardList=", "CardDriverVersion="})
+    for (const char* acRow :
+         {"Syn7001_Present=1", "Syn7002_Present=1", "Syn7001_MaxChannels=60", "Syn7002_StartCh=60",
+          "Syn7002_MaxChannels=32", "Syn7001_Channels=60", "CardList=", "CardDriverVersion="})
         EXPECT_NE(strCrec.find(acRow), std::string::npos) << acRow << " in\n" << strCrec;
     std::string strStatus = ReadFile(DaemonRunner::Path("/var/quorda/data/linestatus.dat"));
     EXPECT_EQ(strStatus.find("Line_1: ok\n"), 0u);
@@ -231,4 +230,4 @@ TEST(DaemonRun, DatabaseDownAtStartIsWaitedFor)
     rmdir(strDir.c_str());
 }
 
-}  // namespace
+} // namespace

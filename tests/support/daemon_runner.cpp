@@ -25,7 +25,7 @@ std::string ShsimBinary()
 {
     return QUORDA_BINARY_DIR "/sim/shsim";
 }
-}  // namespace
+} // namespace
 
 DaemonRunner::~DaemonRunner()
 {
@@ -50,7 +50,7 @@ std::string DaemonRunner::Path(const std::string& strAbs)
 bool DaemonRunner::PrepareRoot(const std::string& strHardware)
 {
     if (Root().size() < 5)
-        return false;  // never wipe something like "/"
+        return false; // never wipe something like "/"
     if (system(("rm -rf " + ShellQuote(Root())).c_str()) != 0)
         return false;
     std::string strHwFile = Root() + ".hardware.ini";
@@ -58,7 +58,8 @@ bool DaemonRunner::PrepareRoot(const std::string& strHardware)
         std::ofstream f(strHwFile);
         f << strHardware;
     }
-    std::string strCmd = ShsimBinary() + " init " + ShellQuote(Root()) + " " + ShellQuote(strHwFile) + " >/dev/null";
+    std::string strCmd =
+        ShsimBinary() + " init " + ShellQuote(Root()) + " " + ShellQuote(strHwFile) + " >/dev/null";
     bool fOk = system(strCmd.c_str()) == 0;
     unlink(strHwFile.c_str());
     return fOk;

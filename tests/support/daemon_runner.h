@@ -51,7 +51,7 @@ private:
 
     pid_t pid = -1;
     std::thread rReader;
-    std::mutex rMutex;  // guards vLines
+    std::mutex rMutex; // guards vLines
     std::condition_variable rNewLine;
     std::vector<std::string> vLines;
 };

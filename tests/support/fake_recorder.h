@@ -12,10 +12,10 @@
 
 class FakeRecorder : public ICRecorder {
 public:
-    std::map<std::string, int> params;      // GetChannelParamInt, any channel
-    std::map<std::string, int> liveParams;  // GetChannelParamIntLive
-    std::vector<int> vNewLineHealth;        // iChIx of each NewLineHealth
-    std::vector<std::string> vNotified;     // texts of NotifyAdmin
+    std::map<std::string, int> params;     // GetChannelParamInt, any channel
+    std::map<std::string, int> liveParams; // GetChannelParamIntLive
+    std::vector<int> vNewLineHealth;       // iChIx of each NewLineHealth
+    std::vector<std::string> vNotified;    // texts of NotifyAdmin
     IDatabase* prDatabase = nullptr;
 
     static int Lookup(const std::map<std::string, int>& m, const std::string& strKey)
@@ -31,7 +31,10 @@ public:
     std::string GetBoardPbxType(int) override { return std::string(); }
     std::string GetChannelParamStr(int, int, std::string) override { return std::string(); }
     int GetChannelParamInt(int, int, std::string strParam) override { return Lookup(params, strParam); }
-    int GetChannelParamIntLive(int, int, std::string strParam) override { return Lookup(liveParams, strParam); }
+    int GetChannelParamIntLive(int, int, std::string strParam) override
+    {
+        return Lookup(liveParams, strParam);
+    }
     std::string GetBoardParamStr(int, std::string) override { return std::string(); }
     ECardType GetBoardCardType(int) override { return CT_UNKNOWN; }
     int GetBoardParamInt(int, std::string) override { return 0; }

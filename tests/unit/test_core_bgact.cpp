@@ -57,8 +57,7 @@ public:
     std::condition_variable rCond;
 };
 
-template <class Pred>
-bool WaitFor(Pred pred, int iMs = 3000)
+template <class Pred> bool WaitFor(Pred pred, int iMs = 3000)
 {
     auto tEnd = Clock::now() + std::chrono::milliseconds(iMs);
     while (!pred()) {
@@ -78,7 +77,7 @@ TEST(BgAct, WithoutHandlerAnActionRunsInlineAndIsDestroyedWithoutCompleted)
     EXPECT_EQ(j.iMainRuns, 1);
     EXPECT_EQ(j.iCompleted, 0);
     EXPECT_EQ(j.iDestroyed, 1);
-    queueAction(nullptr);  // ignored
+    queueAction(nullptr); // ignored
 }
 
 TEST(BgAct, TwoWorkersTakeTheFifoAndReadyMeansNothingIsInTransit)
@@ -94,7 +93,7 @@ TEST(BgAct, TwoWorkersTakeTheFifoAndReadyMeansNothingIsInTransit)
     queueAction(c);
     EXPECT_FALSE(isBgQueueReady());
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(c->fStarted.load());  // both workers are busy
+    EXPECT_FALSE(c->fStarted.load()); // both workers are busy
 
     // The freed worker takes the third action at once, without its idle pause.
     auto tFree = Clock::now();
@@ -132,11 +131,11 @@ TEST(BgAct, CloseWaitsForRunningActionsAndDropsWaitingOnes)
         fClosed = true;
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(fClosed.load());  // the running actions are waited for
+    EXPECT_FALSE(fClosed.load()); // the running actions are waited for
     a->Open();
     b->Open();
     closer.join();
-    EXPECT_EQ(j.iThreadRuns, 2);  // the two waiting ones never ran
+    EXPECT_EQ(j.iThreadRuns, 2); // the two waiting ones never ran
     EXPECT_EQ(j.iDestroyed, 4);
 
     // After close an action runs inline again instead of using a dead handler.
@@ -181,4 +180,4 @@ TEST(BgAct, DeleteFileActOnAMissingFileEndsQuietly)
         EXPECT_GT(l.iPri, 3) << l.strText;
 }
 
-}  // namespace
+} // namespace

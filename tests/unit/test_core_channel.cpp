@@ -44,9 +44,9 @@ TEST_F(ChannelHealthTest, LastingErrorStateIsAFaultAtTheSecondTickAndLeaksAway)
     EXPECT_EQ(ch.iLastChannelState, S_CALL_FRAME_ERROR);
     EXPECT_EQ(ch.iLineErrCalc, 60);
     Ticks(1);
-    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OK);  // 120: not yet
+    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OK); // 120: not yet
     Ticks(1);
-    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_ERROR);  // 180
+    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_ERROR); // 180
     EXPECT_EQ(rec.vNewLineHealth, std::vector<int>({2}));
     EXPECT_TRUE(log.Contains("[3] Line health: error", 5));
 
@@ -64,10 +64,10 @@ TEST_F(ChannelHealthTest, LastingErrorStateIsAFaultAtTheSecondTickAndLeaksAway)
 TEST_F(ChannelHealthTest, DisconnectsCountPerChangeAndThreeKeepTheLineOffline)
 {
     State(S_CALL_OFFLINE);
-    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OFFLINE);  // at once, while it lasts
-    State(S_CALL_OFFLINE);                          // a repeat isn't counted
+    EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OFFLINE); // at once, while it lasts
+    State(S_CALL_OFFLINE);                         // a repeat isn't counted
     EXPECT_EQ(ch.iLineOfflineCalc, 60);
-    Ticks(3);  // a standing disconnect is not counted per second
+    Ticks(3); // a standing disconnect is not counted per second
     EXPECT_EQ(ch.iLineOfflineCalc, 57);
     State(S_CALL_STANDBY);
     EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OK);
@@ -78,7 +78,7 @@ TEST_F(ChannelHealthTest, DisconnectsCountPerChangeAndThreeKeepTheLineOffline)
     State(S_CALL_STANDBY);
     State(S_CALL_OFFLINE);
     State(S_CALL_STANDBY);
-    EXPECT_EQ(ch.iLineOfflineCalc, 200);  // 57 + 3 x 60, clamped
+    EXPECT_EQ(ch.iLineOfflineCalc, 200); // 57 + 3 x 60, clamped
     EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OFFLINE);
     Ticks(49);
     EXPECT_EQ(ch.eLineHealth, LINEHEALTH_OFFLINE);
@@ -153,4 +153,4 @@ TEST(ChannelReset, ClearInfoKeepsDirectionAndLineFactsButNotTheCallsFacts)
     EXPECT_EQ(ch.strLocalNum, "");
 }
 
-}  // namespace
+} // namespace

@@ -74,7 +74,8 @@ protected:
     {
         std::string strHw = strRoot + ".hw";
         std::ofstream(strHw) << strHardware;
-        std::string strCmd = std::string(QUORDA_BINARY_DIR "/sim/shsim init ") + strRoot + " " + strHw + " >/dev/null";
+        std::string strCmd =
+            std::string(QUORDA_BINARY_DIR "/sim/shsim init ") + strRoot + " " + strHw + " >/dev/null";
         ASSERT_EQ(system(strCmd.c_str()), 0);
         unlink(strHw.c_str());
     }
@@ -100,8 +101,9 @@ void EnterRoot(const std::string& strRoot, FakeClock& clock)
 
 TEST_F(ProcessTest, UnreachableDatabaseEndsTheStartWithStatusOneAndItsMarker)
 {
-    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " + strRoot +
-                      "/nodb").c_str()),
+    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " +
+                      strRoot + "/nodb")
+                         .c_str()),
               0);
     std::string strRootCopy = strRoot;
     int iResult = RunInChild([strRootCopy] {
@@ -118,7 +120,8 @@ TEST_F(ProcessTest, UnreachableDatabaseEndsTheStartWithStatusOneAndItsMarker)
         std::string strMarker((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
         if (strMarker != "No database connection")
             return 11;
-        if (CountLines("Waiting to connect to database") != 59 || CountLines("Failed to connect to database") != 1)
+        if (CountLines("Waiting to connect to database") != 59 ||
+            CountLines("Failed to connect to database") != 1)
             return 12;
         if (clock.iSleptUs != 59LL * 1000000)
             return 13;
@@ -129,8 +132,9 @@ TEST_F(ProcessTest, UnreachableDatabaseEndsTheStartWithStatusOneAndItsMarker)
 
 TEST_F(ProcessTest, PassiveClusterNodeWaitsForPrimacyAndEnds)
 {
-    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " + strRoot +
-                      "/var/quorda/conf " + strRoot + "/var/run && touch " + strRoot + "/var/quorda/conf/opt_cluster")
+    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " +
+                      strRoot + "/var/quorda/conf " + strRoot + "/var/run && touch " + strRoot +
+                      "/var/quorda/conf/opt_cluster")
                          .c_str()),
               0);
     std::string strRootCopy = strRoot;
@@ -144,15 +148,16 @@ TEST_F(ProcessTest, PassiveClusterNodeWaitsForPrimacyAndEnds)
                 std::ofstream(strActive.c_str());
         };
         char acName[] = "quorda_crec";
-        char* argv[] = {acName, nullptr};  // would fork, but the gate comes first
+        char* argv[] = {acName, nullptr}; // would fork, but the gate comes first
         if (quorda_crec_main(1, argv) != 0)
             return 20;
         if (CountLines("this node is passive") != 1 || CountLines("QUORDA-CREC exit") != 1)
             return 21;
-        if (CountLines("QUORDA-CREC start") != 0 || access((strRootCopy + "/var/run/quorda_crec.pid").c_str(), F_OK) == 0)
+        if (CountLines("QUORDA-CREC start") != 0 ||
+            access((strRootCopy + "/var/run/quorda_crec.pid").c_str(), F_OK) == 0)
             return 22;
         if (clock.iSleptUs != 3000000)
-            return 23;  // 500 ms polls until the file is there
+            return 23; // 500 ms polls until the file is there
         return 0;
     });
     EXPECT_EQ(iResult, 0);
@@ -232,4 +237,4 @@ TEST_F(ProcessTest, CardsThatNeverStartAreGivenUpAfterTwentySecondsWithStatusOne
     EXPECT_EQ(iResult, 0);
 }
 
-}  // namespace
+} // namespace

@@ -136,7 +136,7 @@ protected:
     std::string DataFile(const std::string& strName) { return strRoot + "/var/quorda/data/" + strName; }
 
     std::string strOldRoot, strRoot;
-    FakeDatabase* prDb = nullptr;  // owned by the boot
+    FakeDatabase* prDb = nullptr; // owned by the boot
     TRecorderBoot* prBoot = nullptr;
     CRecorder rec;
 };
@@ -149,12 +149,15 @@ TEST_F(RecorderTest, EventsGoToTheirChannelAndBadIndexesAreLoggedAndDropped)
     AddChannel(2);
     prBoot->rCicToAppChMap[7] = 1;
     LogCapture log;
-    std::vector<SSM_EVENT> vEvents = {Event(E_CHG_ChState, 0, S_CALL_RINGING), Event(E_CHG_RcvDTMF, 1),
-                                      Event(E_CHG_SpyState, 7),  // circuit 7 is channel 1
-                                      Event(E_CHG_SpyState, 8),  // unknown circuit: silent
-                                      Event(E_CHG_PcmLinkStatus, 0), Event(E_CHG_ChState, -1),
-                                      Event(E_CHG_ChState, 2),   // one past the last channel
-                                      Event(E_CHG_ChState, -5), Event(E_CHG_ChState, 0x7fffffff)};
+    std::vector<SSM_EVENT> vEvents = {Event(E_CHG_ChState, 0, S_CALL_RINGING),
+                                      Event(E_CHG_RcvDTMF, 1),
+                                      Event(E_CHG_SpyState, 7), // circuit 7 is channel 1
+                                      Event(E_CHG_SpyState, 8), // unknown circuit: silent
+                                      Event(E_CHG_PcmLinkStatus, 0),
+                                      Event(E_CHG_ChState, -1),
+                                      Event(E_CHG_ChState, 2), // one past the last channel
+                                      Event(E_CHG_ChState, -5),
+                                      Event(E_CHG_ChState, 0x7fffffff)};
     for (SSM_EVENT& ev : vEvents)
         rec.HandleEvent(&ev);
     EXPECT_EQ(Ch(0)->iEvents, 1);
@@ -179,7 +182,7 @@ TEST_F(RecorderTest, HeartbeatFileMovesAtMostOnceASecondAndOnlyOnEvents)
     FakeClock clock;
     ScopedFakeClock scoped(clock);
     AddChannel(1);
-    SSM_EVENT ev = Event(E_CHG_ChState, -1);  // goes nowhere, still a heartbeat
+    SSM_EVENT ev = Event(E_CHG_ChState, -1); // goes nowhere, still a heartbeat
     rec.HandleEvent(&ev);
     ASSERT_EQ(access(DataFile("crec_event").c_str(), F_OK), 0);
     unlink(DataFile("crec_event").c_str());
@@ -202,9 +205,9 @@ TEST_F(RecorderTest, PeriodicRunsOncePerWallSecondAndWaitsOutAClockSetBack)
     RecorderLoop loop(*prBoot, rec, FakeWait);
     for (int i = 0; i < 4; ++i)
         ASSERT_TRUE(loop.RunPass());
-    EXPECT_EQ(Ch(0)->iPeriodic, 0);  // 0.8 s
+    EXPECT_EQ(Ch(0)->iPeriodic, 0); // 0.8 s
     ASSERT_TRUE(loop.RunPass());
-    EXPECT_EQ(Ch(0)->iPeriodic, 1);  // 1.0 s
+    EXPECT_EQ(Ch(0)->iPeriodic, 1); // 1.0 s
     for (int i = 0; i < 5; ++i)
         loop.RunPass();
     EXPECT_EQ(Ch(0)->iPeriodic, 2);
@@ -212,7 +215,7 @@ TEST_F(RecorderTest, PeriodicRunsOncePerWallSecondAndWaitsOutAClockSetBack)
 
     clock.Advance(-5000000);
     for (int i = 0; i < 25; ++i)
-        loop.RunPass();  // back where the last tick was: no new tick
+        loop.RunPass(); // back where the last tick was: no new tick
     EXPECT_EQ(Ch(0)->iPeriodic, 2);
     for (int i = 0; i < 5; ++i)
         loop.RunPass();
@@ -245,20 +248,20 @@ TEST_F(RecorderTest, OneActPerPassAndTheStopRunsShutdownOnceThenDrainsTheQueue)
     int iRuns = 0;
     prBoot->queue(new CountingAct(iRuns));
     prBoot->queue(new CountingAct(iRuns));
-    prBoot->queue(nullptr);  // a null entry counts as an act and is skipped
+    prBoot->queue(nullptr); // a null entry counts as an act and is skipped
     ASSERT_TRUE(loop.RunPass());
-    EXPECT_EQ(iRuns, 2);  // performMain and completed of one act
+    EXPECT_EQ(iRuns, 2); // performMain and completed of one act
 
     fAppTerminate = true;
     long long llBefore = clock.iSleptUs;
-    ASSERT_TRUE(loop.RunPass());  // takes the second act
-    EXPECT_EQ(clock.iSleptUs - llBefore, 200000);  // no event wait while stopping
+    ASSERT_TRUE(loop.RunPass());                  // takes the second act
+    EXPECT_EQ(clock.iSleptUs - llBefore, 200000); // no event wait while stopping
     EXPECT_EQ(iRuns, 4);
     EXPECT_EQ(Ch(0)->iFinalized, 1);
     EXPECT_EQ(Ch(1)->iFinalized, 1);
     EXPECT_NE(access(DataFile("linestatus.dat").c_str(), F_OK), 0);
-    ASSERT_TRUE(loop.RunPass());   // the null entry
-    EXPECT_FALSE(loop.RunPass());  // queue and background idle: leave
+    ASSERT_TRUE(loop.RunPass());  // the null entry
+    EXPECT_FALSE(loop.RunPass()); // queue and background idle: leave
     EXPECT_EQ(Ch(0)->iFinalized, 1);
 }
 
@@ -279,7 +282,7 @@ TEST_F(RecorderTest, ReloadableListsFollowTheirOwnRules)
     EXPECT_EQ(rec.astrNumberFilters, std::vector<std::string>({"0301", "0402"}));
     EXPECT_EQ(rec.astrCstaNumberFilters, std::vector<std::string>({"201", "202", " 203"}));
     EXPECT_TRUE(rec.IsInNumberFilter("0402"));
-    EXPECT_FALSE(rec.IsInNumberFilter("040"));   // whole number only
+    EXPECT_FALSE(rec.IsInNumberFilter("040")); // whole number only
     EXPECT_FALSE(rec.IsInNumberFilter("04021"));
     // An empty on-demand list keeps one empty element, which matches "".
     EXPECT_TRUE(rec.IsInDelOnDmdList(""));
@@ -303,7 +306,7 @@ TEST_F(RecorderTest, ReloadableListsFollowTheirOwnRules)
     prDb->Set("s", "EmailRecs", "a@b");
     rec.Reconfigure();
     EXPECT_EQ(rec.astrNumberFilters, std::vector<std::string>({"999"}));
-    EXPECT_EQ(rec.iNumberFilterType, 0);  // gone with the old part "o"
+    EXPECT_EQ(rec.iNumberFilterType, 0); // gone with the old part "o"
     EXPECT_FALSE(rec.fNeedCallPost);
     prDb->Set("o", "SforceLink", "2");
     rec.Reconfigure();
@@ -400,12 +403,12 @@ TEST_F(RecorderTest, PriAvailabilityIsRecordedForTheFirstChannelOfAPriCardOnly)
 TEST_F(RecorderTest, ChStateFindsTheChannelByWebNumber)
 {
     AddChannel(1);
-    EXPECT_EQ(rec.ChState(1), 1);  // empty map
+    EXPECT_EQ(rec.ChState(1), 1); // empty map
     prBoot->rWebToDrvChMap[0] = 0;
     prBoot->rWebToDrvChMap[1] = 5;
     EXPECT_EQ(rec.ChState(0), 1);
-    EXPECT_EQ(rec.ChState(2), 2);  // maps past the channels
-    EXPECT_EQ(rec.ChState(1), 3);  // the plain channel has no state file
+    EXPECT_EQ(rec.ChState(2), 2); // maps past the channels
+    EXPECT_EQ(rec.ChState(1), 3); // the plain channel has no state file
 }
 
-}  // namespace
+} // namespace
