@@ -118,39 +118,4 @@ TEST_F(ChannelHealthTest, OnlyChannelStateEventsMoveTheState)
     EXPECT_EQ(ch.iLineOfflineCalc, 0);
 }
 
-TEST(ChannelTexts, StateAndHealthTextsAndUnknownValues)
-{
-    EXPECT_EQ(BaseChannel::GetChannelStateDescr(S_CALL_UNAVAILABLE), "unusable");
-    EXPECT_EQ(BaseChannel::GetChannelStateDescr(S_CALL_FRAME_ERROR), "frame-err");
-    EXPECT_EQ(BaseChannel::GetChannelStateDescr(4), "");
-    EXPECT_EQ(BaseChannel::GetChannelStateDescr(-1), "");
-    EXPECT_EQ(BaseChannel::GetLineHealthDescr(LINEHEALTH_OFFLINE), "offline");
-    EXPECT_EQ(BaseChannel::GetLineHealthDescr(static_cast<ELineHealth>(7)), "");
-}
-
-TEST(ChannelReset, ClearInfoKeepsDirectionAndLineFactsButNotTheCallsFacts)
-{
-    BaseChannel ch;
-    ch.fIncoming = true;
-    ch.strPrevCallRemoteNum = "0301234";
-    ch.strLocalNum = "21";
-    ch.strRemoteNum = "0301234";
-    ch.iWaitTime = 12;
-    ch.fToEmail = true;
-    ch.fDontKeepThisPart = true;
-    ch.iLast_dB = -20;
-    ch.ClearInfo();
-    EXPECT_TRUE(ch.fIncoming);
-    EXPECT_EQ(ch.strPrevCallRemoteNum, "0301234");
-    EXPECT_EQ(ch.strLocalNum, "21");
-    EXPECT_EQ(ch.strRemoteNum, "");
-    EXPECT_EQ(ch.iWaitTime, -1);
-    EXPECT_FALSE(ch.fToEmail);
-    EXPECT_FALSE(ch.fDontKeepThisPart);
-    EXPECT_EQ(ch.iLast_dB, -999);
-    ch.fResetLocalNum = true;
-    ch.ClearInfo();
-    EXPECT_EQ(ch.strLocalNum, "");
-}
-
 } // namespace
