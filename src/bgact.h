@@ -13,6 +13,9 @@
 
 #include <string>
 
+#include "fstring.h"
+#include "irecorder.h"
+
 class ThreadAct {
 public:
     virtual void performThread() = 0;  // worker thread
@@ -29,6 +32,32 @@ public:
     void performMain() override {}
 
     std::string strFilename;
+};
+
+// Finishes a kept recording. Created by BaseChannel::StopRecording with
+// everything it needs copied in, so the channel is free for its next call.
+// performThread (worker): conversion, companions, recording check,
+// encryption, checksum into callextra. performMain (main thread): merges
+// the active row's carry-over and moves the call to Calls.
+class AudioConvAct : public ThreadAct {
+public:
+    void performThread() override;
+    void performMain() override;
+
+    IDatabase* prDB = nullptr;        // used only in performMain
+    ERecEncodings eRecEnc = RECENC_G711A;
+    bool fStereo = false;
+    std::string strFullFilename;      // captured audio (".g711" added for GSM/MP3)
+    std::string strFullFilenameFinal; // finished recording under the recording root
+    std::string strArchiveFilename;   // finished recording under the archive root
+    int iActiveCallID = -1;
+    bool fToEmail = false;
+    int iEmailContactID = -1;
+    int iDuration = 0;
+    std::string strCheckSumType;      // "md5", "sha1", "sha256", "sha512", else none
+    ICRecorder* prRecorder = nullptr; // fRecCheck, fALE, EmailRecording, fNeedCallPost
+    bool fStoreOnDemandDelay = false;
+    StringMap rCallInfo;              // the future Calls row
 };
 
 void init_bgact();
