@@ -41,8 +41,36 @@ int shsim_set_state(int ch, int state);
  * failSeconds after the first one. Overrides hardware.ini; counters restart. */
 void shsim_script_start_failures(int failFirst, double failSeconds);
 
-/* Step mode: SsmWaitForEventA returns -1 at once when nothing is queued. */
+/* Step mode: SsmWaitForEventA returns -1 at once when nothing is queued,
+ * and the simulator's clock is virtual: each such idle wait moves it on by
+ * 200 ms (audio and events that fall due in that step are queued for the
+ * next calls), and shsim_advance_clock moves it; nothing else does. */
 void shsim_set_step_mode(int on);
+
+/* Moves the simulator's clock forward by ms. The audio owed for that time
+ * is written at the next SsmWaitForEventA, all at once: advancing by more
+ * than a ring buffer holds, without taking events, is an overrun. */
+void shsim_advance_clock(unsigned int ms);
+
+/* The reproducible audio pattern: len bytes of the pattern of seed from
+ * byte offset on. Byte i is the top 8 bits of output i+1 of SplitMix64
+ * started at state seed. A channel's "pattern" source gives these bytes
+ * from offset 0 on, counted from when the source was set. */
+void shsim_pattern_bytes(unsigned long long seed, unsigned long long offset, unsigned char* buf, size_t len);
+
+/* Audio of one channel since the driver started. */
+struct shsim_audio_stats {
+    unsigned long long delivered;     /* bytes written into recording buffers */
+    unsigned long long reported;      /* bytes covered by progress events taken by the reader */
+    unsigned long long events_queued; /* E_PROC_RecordMem events queued */
+    unsigned long long events_taken;  /* ... and taken by SsmWaitForEventA */
+    unsigned long long overruns;      /* writes that overwrote audio the reader never had */
+    unsigned long long lost;          /* bytes so lost */
+    unsigned long long recordings;    /* SsmRecToMem calls that started one */
+    unsigned long long source_pos;    /* bytes the channel's source has given */
+};
+/* 0 with the figures, -1 for a channel the driver doesn't have. */
+int shsim_get_audio_stats(int ch, struct shsim_audio_stats* out);
 
 /* Number of events waiting for SsmWaitForEventA. */
 int shsim_pending_events(void);

@@ -1,10 +1,11 @@
 // api_chan.cpp - the per-channel and per-circuit operations of the card library.
 //
-// For now they record the call in the call log and keep what a later card
-// behaviour needs (memory recording registration, gains, caller ID, line
-// voltage, spy call data) in the channel's state; a channel the driver
-// doesn't have gives -1 and an error text. Every operation holds the state
-// lock for its own short work only.
+// They record the call in the call log and keep what the card's behaviour
+// needs (memory recording, gains, caller ID, digit buffer, line voltage,
+// spy call data) in the channel's state; a channel the driver doesn't have
+// gives -1 and an error text. The memory recording itself runs in audio.cpp.
+// Every operation holds the state lock for its own short work only.
+#include "audio.h"
 #include "eventq.h"
 #include "simstate.h"
 
@@ -93,7 +94,13 @@ int SsmRecToMem(int nCh, int nFormat, char* pBuf, DWORD dwBufSize, DWORD dwStart
         if (!pBuf || dwBufSize == 0 || dwStartOffset >= dwBufSize ||
             (nFormat != REC_FORMAT_ALAW && nFormat != REC_FORMAT_ULAW))
             return -1;
-        ch.rRecMem = RecMemReg{true, pBuf, dwBufSize, nFormat, dwStartOffset};
+        RecMemReg reg;
+        reg.fActive = true;
+        reg.pBuf = pBuf;
+        reg.dwSize = dwBufSize;
+        reg.iFormat = nFormat;
+        reg.dwOffset = dwStartOffset;
+        BeginRecordingLocked(Sim(), nCh, ch, reg);
         return 0;
     });
 }
@@ -101,10 +108,9 @@ int SsmRecToMem(int nCh, int nFormat, char* pBuf, DWORD dwBufSize, DWORD dwStart
 int SsmStopRecToMem(int nCh)
 {
     return OnChannel("SsmStopRecToMem", nCh, "", [nCh](SimChannel& ch) {
-        ch.rRecMem = RecMemReg();
         // Progress events of the stopped recording would point into a buffer
-        // the caller may free now.
-        Events().Purge(nCh, E_PROC_RecordMem);
+        // the caller may free now: they go too.
+        EndRecordingLocked(nCh, ch);
         return 0;
     });
 }
@@ -127,7 +133,10 @@ int SsmSetRecAGC(int nCh, BOOL bEnable)
 
 int SsmClearRxDtmfBuf(int nCh)
 {
-    return OnChannel("SsmClearRxDtmfBuf", nCh, "", Ok);
+    return OnChannel("SsmClearRxDtmfBuf", nCh, "", [](SimChannel& ch) {
+        ch.strDtmfBuf.clear();
+        return 0;
+    });
 }
 
 char* SsmGetCallerIdA(int nCh)

@@ -3,8 +3,9 @@
 // These are the operations the daemon calls around its run loop. The
 // started table is built here from the daemon's ShConfig.ini; events leave
 // through SsmWaitForEventA on the caller's thread. Every operation takes
-// the state lock for its own short work only; the blocking wait holds no
-// lock of the state, and threads are started and joined outside it.
+// the state lock for its own short work only; the blocking wait (audio.cpp)
+// holds no lock while it blocks, and threads are started and joined outside it.
+#include "audio.h"
 #include "control.h"
 #include "eventq.h"
 #include "simstate.h"
@@ -112,6 +113,7 @@ int SsmCloseCti(void)
     s.fStarted = false;
     s.fEventsEnabled = false;
     s.rTable = StartedTable();
+    s.mTimed.clear();
     return 0;
 }
 
@@ -154,7 +156,7 @@ int SsmWaitForEventA(DWORD dwTimeOutMs, SSM_EVENT* pEvent)
         return -2;
     }
     SimEvent ev;
-    if (!Events().Pop(static_cast<long>(dwTimeOutMs), ev))
+    if (!WaitForCardEvent(static_cast<long>(std::min<DWORD>(dwTimeOutMs, 86400000)), ev))
         return -1;
     FillSsmEvent(ev, pEvent);
     return 0;

@@ -1,4 +1,6 @@
-// commands.cpp - the control protocol's interpreter (see control.h).
+// commands.cpp - the control protocol's interpreter (see control.h) and
+// the driver-wide commands; the line and audio commands live in their own
+// units (cmdutil.h).
 //
 // A command is a word and its arguments, separated by blanks. Numbers are
 // decimal or 0x hex. Each handler takes the state lock only for its own
@@ -6,10 +8,13 @@
 // daemon never sees an event before the state it reports.
 #include "control.h"
 
+#include "audio.h"
+#include "cmdutil.h"
 #include "eventq.h"
 #include "simini.h"
 #include "simstate.h"
 
+#include <cctype>
 #include <cstdio>
 #include <functional>
 #include <map>
@@ -17,8 +22,6 @@
 #include <vector>
 
 namespace {
-
-using Args = std::vector<std::string>;
 
 const std::map<std::string, int> kEventNames = {
     {"E_CHG_PcmLinkStatus", E_CHG_PcmLinkStatus},
@@ -36,31 +39,9 @@ const std::map<std::string, int> kEventNames = {
 
 const size_t kMaxEventData = 4096;
 
-bool ArgInt(const std::string& s, long lo, long hi, long& v)
-{
-    return ParseInt(s, v) && v >= lo && v <= hi;
-}
-
-bool ParseHex(const std::string& hex, std::string& out)
-{
-    if (hex.size() % 2 != 0)
-        return false;
-    out.clear();
-    for (size_t i = 0; i < hex.size(); i += 2) {
-        unsigned v = 0;
-        if (sscanf(hex.c_str() + i, "%2x", &v) != 1 || !isxdigit(static_cast<unsigned char>(hex[i])) ||
-            !isxdigit(static_cast<unsigned char>(hex[i + 1])))
-            return false;
-        out += static_cast<char>(v);
-    }
-    return true;
-}
-
 std::string QueueOrDrop(const SimEvent& ev, const std::string& okText)
 {
-    if (Events().Push(ev))
-        return "OK " + okText;
-    return "ERR event dropped: events are not enabled (SsmSetEvent) or the queue is full";
+    return QueuedOrDropped(Events().Push(ev), okText);
 }
 
 // event <code|name> <ref> [param=N] [sub=N] [xtra=N] [hex=HEX | text=rest of line]
@@ -112,26 +93,28 @@ std::string CmdEvent(const Args& a, const std::string& line)
                                std::to_string(ev.nReference));
 }
 
-// Runs fn on the channel under the lock; the reply names a bad channel.
-std::string WithChannel(const std::string& arg, const std::function<std::string(SimChannel&, int)>& fn)
-{
-    long v = 0;
-    if (!ArgInt(arg, 0, 1000000, v))
-        return "ERR bad channel '" + arg + "'";
-    SimState& s = Sim();
-    std::lock_guard<std::mutex> lock(s.rMutex);
-    SimChannel* ch = ChannelLocked(s, static_cast<int>(v));
-    if (!ch)
-        return "ERR no channel " + arg + (s.fStarted ? "" : " (the driver is not started)");
-    return fn(*ch, static_cast<int>(v));
-}
-
 // state <ch> <state>: sets the state, then queues E_CHG_ChState.
+const std::map<std::string, int> kStateNames = {
+    {"idle", S_CALL_STANDBY},
+    {"pickup", S_CALL_PICKUPED},
+    {"ringing", S_CALL_RINGING},
+    {"talking", S_CALL_TALKING},
+    {"offline", S_CALL_OFFLINE},
+    {"waitanswer", S_CALL_WAIT_ANSWER},
+    {"unavailable", S_CALL_UNAVAILABLE},
+    {"recording", S_CALL_RECORDING},
+    {"signalerror", S_CALL_SIGNAL_ERROR},
+    {"frameerror", S_CALL_FRAME_ERROR},
+};
+
 std::string CmdState(const Args& a)
 {
     long st = 0;
-    if (a.size() != 3 || !ArgInt(a[2], 0, 65535, st))
-        return "ERR usage: state <ch> <state 0..65535>";
+    auto name = a.size() == 3 ? kStateNames.find(a[2]) : kStateNames.end();
+    if (name != kStateNames.end())
+        st = name->second;
+    else if (a.size() != 3 || !ArgInt(a[2], 0, 65535, st))
+        return "ERR usage: state <ch> <state 0..65535>"; // or a name of kStateNames
     std::string reply = WithChannel(a[1], [&](SimChannel& ch, int) {
         ch.iState = static_cast<int>(st);
         return std::string("OK");
@@ -147,22 +130,27 @@ std::string CmdState(const Args& a)
     return "OK channel " + a[1] + " state " + a[2] + ", event dropped: events are not enabled";
 }
 
+std::string CmdStatus()
+{
+    size_t queued = Events().Size();
+    bool fEvents = Events().Enabled();
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    AudioStats t = AudioTotalsLocked(s);
+    return "OK started " + std::to_string(s.fStarted) + " events " + std::to_string(fEvents) + " queued " +
+           std::to_string(queued) + " boards " + std::to_string(s.rTable.vBoards.size()) + " channels " +
+           std::to_string(s.rTable.vChannels.size()) + " recordmem cadence " +
+           std::to_string(s.dwRecMemCondition) + "/" + std::to_string(s.dwRecMemParam) + " audio delivered " +
+           std::to_string(t.ullDelivered) + " reported " + std::to_string(t.ullReported) + " overruns " +
+           std::to_string(t.ullOverruns) + " lost " + std::to_string(t.ullLost) + " timed " +
+           std::to_string(s.mTimed.size());
+}
+
 std::string CmdGetState(const Args& a)
 {
     if (a.size() != 2)
         return "ERR usage: getstate <ch>";
     return WithChannel(a[1], [](SimChannel& ch, int) { return "OK " + std::to_string(ch.iState); });
-}
-
-std::string CmdCallerId(const Args& a, const std::string& line)
-{
-    if (a.size() < 2)
-        return "ERR usage: callerid <ch> [number]";
-    std::string text = a.size() > 2 ? TrimBlanks(line.substr(line.find(a[1], 8) + a[1].size())) : "";
-    return WithChannel(a[1], [&](SimChannel& ch, int) {
-        ch.strCallerId = text;
-        return "OK caller id '" + text + "'";
-    });
 }
 
 std::string CmdVoltage(const Args& a)
@@ -290,24 +278,68 @@ std::string CmdLog(const Args& a)
     return out;
 }
 
-std::string CmdStatus()
-{
-    size_t queued = Events().Size();
-    bool fEvents = Events().Enabled();
-    SimState& s = Sim();
-    std::lock_guard<std::mutex> lock(s.rMutex);
-    return "OK started " + std::to_string(s.fStarted) + " events " + std::to_string(fEvents) + " queued " +
-           std::to_string(queued) + " boards " + std::to_string(s.rTable.vBoards.size()) + " channels " +
-           std::to_string(s.rTable.vChannels.size()) + " recordmem cadence " +
-           std::to_string(s.dwRecMemCondition) + "/" + std::to_string(s.dwRecMemParam);
-}
-
-const char* kHelp = "OK commands: event <code|name> <ref> [param=N] [sub=N] [xtra=N] [hex=HEX|text=TEXT]; "
-                    "state <ch> <state>; getstate <ch>; callerid <ch> [number]; voltage <ch> <volts>; "
-                    "cic <cic> [caller=X] [callee=Y] [con=Z]; list; boards; status; "
-                    "startfail [first N|seconds T|off]; log [clear|N]; ping; help";
+const char* kHelp =
+    "OK commands: event <code|name> <ref> [param=N] [sub=N] [xtra=N] [hex=HEX|text=TEXT]; "
+    "state <ch> <state|name>; getstate <ch>; callerid <ch> [text|hex=HEX]; "
+    "cid <ch> [text|hex=HEX]; dtmf <ch> <digits> [gap=MS]; flash <ch>; tone <ch> <code|name>; "
+    "bargein <ch> on|off; nosound <ch>; line <ch>; voltage <ch> <volts>; "
+    "audio <ch> [silence|tone HZ [DBFS]|file PATH|pattern SEED]; audio all <source>; "
+    "overruns [clear]; clock [advance MS]; "
+    "cic <cic> [caller=X] [callee=Y] [con=Z]; list; boards; status; "
+    "startfail [first N|seconds T|off]; log [clear|N]; ping; help";
 
 } // namespace
+
+bool ArgInt(const std::string& s, long lo, long hi, long& v)
+{
+    return ParseInt(s, v) && v >= lo && v <= hi;
+}
+
+bool ParseHex(const std::string& hex, std::string& out)
+{
+    if (hex.size() % 2 != 0)
+        return false;
+    out.clear();
+    for (size_t i = 0; i < hex.size(); i += 2) {
+        if (!isxdigit(static_cast<unsigned char>(hex[i])) ||
+            !isxdigit(static_cast<unsigned char>(hex[i + 1])))
+            return false;
+        out += static_cast<char>(strtoul(hex.substr(i, 2).c_str(), nullptr, 16));
+    }
+    return true;
+}
+
+std::string RestOfLine(const std::string& line, size_t nWords)
+{
+    size_t at = 0;
+    for (size_t i = 0; i < nWords; ++i) {
+        at = line.find_first_not_of(" \t", at);
+        at = at == std::string::npos ? line.size() : line.find_first_of(" \t", at);
+        if (at == std::string::npos)
+            return "";
+    }
+    return TrimBlanks(line.substr(at));
+}
+
+std::string QueuedOrDropped(bool fQueued, const std::string& okText)
+{
+    if (fQueued)
+        return "OK " + okText;
+    return "ERR event dropped: events are not enabled (SsmSetEvent) or the queue is full";
+}
+
+std::string WithChannel(const std::string& arg, const std::function<std::string(SimChannel&, int)>& fn)
+{
+    long v = 0;
+    if (!ArgInt(arg, 0, 1000000, v))
+        return "ERR bad channel '" + arg + "'";
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    SimChannel* ch = ChannelLocked(s, static_cast<int>(v));
+    if (!ch)
+        return "ERR no channel " + arg + (s.fStarted ? "" : " (the driver is not started)");
+    return fn(*ch, static_cast<int>(v));
+}
 
 std::string ExecuteCommand(const std::string& rawLine)
 {
@@ -326,8 +358,6 @@ std::string ExecuteCommand(const std::string& rawLine)
         reply = CmdState(a);
     else if (c == "getstate")
         reply = CmdGetState(a);
-    else if (c == "callerid")
-        reply = CmdCallerId(a, line);
     else if (c == "voltage")
         reply = CmdVoltage(a);
     else if (c == "cic")
@@ -346,6 +376,10 @@ std::string ExecuteCommand(const std::string& rawLine)
         reply = "OK pong";
     else if (c == "help")
         reply = kHelp;
+    else if (LineCommands().count(c))
+        reply = LineCommands().at(c)(a, line);
+    else if (AudioCommands().count(c))
+        reply = AudioCommands().at(c)(a, line);
     else
         reply = "ERR unknown command '" + c + "' (try help)";
     // One reply line, whatever the texts in it hold.

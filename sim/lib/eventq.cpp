@@ -27,18 +27,33 @@ bool EventQueue::Push(const SimEvent& ev)
     return true;
 }
 
-bool EventQueue::Pop(long timeoutMs, SimEvent& ev)
+bool EventQueue::TryPop(SimEvent& ev)
 {
-    std::unique_lock<std::mutex> lock(rMutex);
-    if (vQueue.empty() && !fStepMode && timeoutMs > 0) {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-        rCond.wait_until(lock, deadline, [this] { return !vQueue.empty() || fStepMode; });
-    }
+    std::lock_guard<std::mutex> lock(rMutex);
     if (vQueue.empty())
         return false;
-    ev = vQueue.front();
+    ev = std::move(vQueue.front());
     vQueue.pop_front();
     return true;
+}
+
+void EventQueue::WaitFor(int64_t llUs)
+{
+    std::unique_lock<std::mutex> lock(rMutex);
+    if (llUs <= 0 || !vQueue.empty() || fStepMode)
+        return;
+    uint64_t ullSeen = ullWakes;
+    rCond.wait_for(lock, std::chrono::microseconds(llUs),
+                   [&] { return !vQueue.empty() || fStepMode || ullWakes != ullSeen; });
+}
+
+void EventQueue::Wake()
+{
+    {
+        std::lock_guard<std::mutex> lock(rMutex);
+        ++ullWakes;
+    }
+    rCond.notify_all();
 }
 
 void EventQueue::SetEnabled(bool fOn)

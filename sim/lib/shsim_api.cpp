@@ -1,8 +1,10 @@
 // shsim_api.cpp - the in-process test API of the simulator (see include/shsim.h).
 #include "../include/shsim.h"
 
+#include "audiosrc.h"
 #include "control.h"
 #include "eventq.h"
+#include "simclock.h"
 #include "simstate.h"
 
 #include <algorithm>
@@ -42,6 +44,7 @@ void shsim_reset(void)
 {
     SsmCloseCti();
     Events().SetStepMode(false);
+    Clock().Reset();
     SimState& s = Sim();
     std::lock_guard<std::mutex> lock(s.rMutex);
     s.vCallLog.clear();
@@ -53,6 +56,7 @@ void shsim_reset(void)
     s.fHaveFirstCall = false;
     s.rHw = HardwareDesc();
     s.dwRecMemCondition = s.dwRecMemParam = 0;
+    s.vOverruns.clear();
 }
 
 int shsim_inject_event(unsigned short code, int ref, unsigned int param, unsigned int subReason,
@@ -91,7 +95,39 @@ void shsim_script_start_failures(int failFirst, double failSeconds)
 
 void shsim_set_step_mode(int on)
 {
+    Clock().SetStepMode(on != 0);
     Events().SetStepMode(on != 0);
+}
+
+void shsim_advance_clock(unsigned int ms)
+{
+    Clock().Advance(static_cast<int64_t>(ms) * 1000);
+}
+
+void shsim_pattern_bytes(unsigned long long seed, unsigned long long offset, unsigned char* buf, size_t len)
+{
+    PatternBytes(seed, offset, buf, len);
+}
+
+int shsim_get_audio_stats(int ch, struct shsim_audio_stats* out)
+{
+    if (!out)
+        return -1;
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    const SimChannel* c = ChannelLocked(s, ch);
+    if (!c)
+        return -1;
+    memset(out, 0, sizeof(*out));
+    out->delivered = c->rAudio.ullDelivered;
+    out->reported = c->rAudio.ullReported;
+    out->events_queued = c->rAudio.ullEventsQueued;
+    out->events_taken = c->rAudio.ullEventsTaken;
+    out->overruns = c->rAudio.ullOverruns;
+    out->lost = c->rAudio.ullLost;
+    out->recordings = c->rAudio.ullRecordings;
+    out->source_pos = c->rSource.ullPos;
+    return 0;
 }
 
 int shsim_pending_events(void)

@@ -47,3 +47,14 @@ SimChannel* ChannelLocked(SimState& s, int nCh)
         return nullptr;
     return &s.rTable.vChannels[static_cast<size_t>(nCh)];
 }
+
+bool ArriveLocked(SimState& s, const SimEvent& ev)
+{
+    if (ev.wEventCode == E_CHG_RcvDTMF) {
+        SimChannel* ch = ChannelLocked(s, ev.nReference);
+        // The card keeps what it heard even when nobody is told.
+        if (ch && ch->strDtmfBuf.size() < 1000)
+            ch->strDtmfBuf += static_cast<char>(ev.dwParam & 0xFF);
+    }
+    return Events().Push(ev);
+}

@@ -13,22 +13,46 @@
 #ifndef SIM_SIMSTATE_H
 #define SIM_SIMSTATE_H
 
+#include "audiosrc.h"
+#include "eventq.h"
 #include "hwdesc.h"
 #include "shpa3api.h"
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 // A card's own memory recording of one channel (registered by SsmRecToMem).
+// Positions count bytes since the start of this recording; the ring offset
+// of position p is (dwOffset + p) % dwSize.
 struct RecMemReg {
     bool fActive = false;
     char* pBuf = nullptr;
     DWORD dwSize = 0;
     int iFormat = 0;
-    DWORD dwOffset = 0;
+    DWORD dwOffset = 0;        // the start offset the caller gave
+    uint32_t uSerial = 0;      // tells this recording's progress events from older ones
+    int64_t llLastUs = 0;      // clock reading up to which time is accounted
+    int64_t llElapsedUs = 0;   // recorded time so far
+    uint64_t ullWritten = 0;   // bytes written into the ring
+    uint64_t ullNextEvent = 0; // position of the next progress event
+    uint64_t ullTaken = 0;     // position of the last progress event the reader took
+    uint64_t ullIntact = 0;    // oldest position not yet overwritten unread (>= ullTaken)
+};
+
+// What the card has delivered on a channel since the driver started.
+struct AudioStats {
+    uint64_t ullDelivered = 0; // bytes written into recording buffers
+    uint64_t ullReported = 0;  // bytes covered by progress events the reader took
+    uint64_t ullEventsQueued = 0;
+    uint64_t ullEventsTaken = 0;
+    uint64_t ullOverruns = 0; // deliveries that overwrote unread audio
+    uint64_t ullLost = 0;     // bytes overwritten unread
+    uint64_t ullRecordings = 0;
 };
 
 struct SimChannel {
@@ -42,7 +66,10 @@ struct SimChannel {
     int iRecVolume = 0;
     bool fRecAgc = false;
     int iBargeInSens = 0;
+    std::string strDtmfBuf; // digits received since SsmClearRxDtmfBuf
     RecMemReg rRecMem;
+    AudioSource rSource;
+    AudioStats rAudio;
 };
 
 struct StartedBoard {
@@ -89,6 +116,9 @@ struct SimState {
     bool fEventsEnabled = false;
     DWORD dwRecMemCondition = 0; // cadence asked for E_PROC_RecordMem
     DWORD dwRecMemParam = 0;
+    uint32_t uRecSerial = 0;                 // last SsmRecToMem's serial
+    std::multimap<int64_t, SimEvent> mTimed; // events due at a clock reading (e.g. DTMF gaps)
+    std::deque<std::string> vOverruns;       // "overrun <ch> <bytes lost>", the last 1000
 };
 
 SimState& Sim();
@@ -99,6 +129,9 @@ void SetErrorLocked(SimState& s, const std::string& text);
 void LogCallLocked(SimState& s, const std::string& entry);
 // The channel, or null when the driver has no such channel.
 SimChannel* ChannelLocked(SimState& s, int nCh);
+// An event reaches the card's outside: a DTMF digit also enters the
+// channel's digit buffer. False when the queue dropped it.
+bool ArriveLocked(SimState& s, const SimEvent& ev);
 
 // Builds the started table from the daemon's ShConfig.ini and the hardware.
 bool BuildStartedTable(const std::string& cfgPath, const HardwareDesc& hw, StartedTable& table,
