@@ -17,10 +17,34 @@ public:
         std::string strValue;
         std::string strPart;
     };
-    std::map<std::string, Row> configs;  // param -> value, part
-    std::vector<std::string> calls;      // operation log, e.g. "SetConfigsPart crec"
-    bool fDown = false;                  // link down: neutral results everywhere
+    std::map<std::string, Row> configs; // param -> value, part
+    std::vector<std::string> calls;     // operation log, e.g. "SetConfigsPart crec"
+    bool fDown = false;                 // link down: neutral results everywhere
     long long iRecorderID = 0;
+
+    // Call rows: what was added (in order), and the ids handed out.
+    std::vector<StdStringMap> vActiveRows;
+    std::vector<StdStringMap> vCalls;
+    std::vector<StdStringMap> vUpdatedRows; // maps of UpdateActiveCall
+    int iNextActiveID = 100;
+    int iNextCallID = 900;
+    std::map<int, StdStringMap> extras;      // callextra per active row
+    std::map<std::string, Contact> contacts; // caller id text -> contact
+    long long iNextContactID = 500;
+    Contact rLineContact;                         // of every line
+    std::string strContactName;                   // GetContactName of any contact
+    CallerIdContact rCustomLocal;                 // GetCustomLocal of any contact
+    std::map<std::string, IdMapEntry> idMap;      // local number -> entry
+    std::map<int, std::vector<int>> usersOfPhone; // contact -> account ids
+    std::map<std::string, int> userInts;          // "accid field" -> value
+
+    bool Called(const std::string& strCall) const
+    {
+        for (const std::string& s : calls)
+            if (s == strCall)
+                return true;
+        return false;
+    }
 
     void Set(const std::string& strPart, const std::string& strParam, const std::string& strValue)
     {
@@ -42,31 +66,88 @@ public:
             iRecorderID = 1;
     }
     long long GetRecorderID() override { return iRecorderID; }
-    int AddCall(const StringMap&) override { return -1; }
-    int AddActiveCall(const StringMap&) override { return -1; }
+    int AddCall(const StringMap& rCallInfo) override
+    {
+        calls.push_back("AddCall");
+        if (fDown)
+            return -1;
+        vCalls.push_back(rCallInfo.data);
+        return iNextCallID++;
+    }
+    int AddActiveCall(const StringMap& rCallInfo) override
+    {
+        calls.push_back("AddActiveCall");
+        if (fDown)
+            return -1;
+        vActiveRows.push_back(rCallInfo.data);
+        return iNextActiveID++;
+    }
     int AddCallGeneric(std::string, const StringMap&) override { return -1; }
-    void DeleteActiveCall(int) override {}
+    void DeleteActiveCall(int iID) override { calls.push_back("DeleteActiveCall " + std::to_string(iID)); }
     int GetCallBack(int, int) override { return -1; }
-    void UpdateActiveCallRemoteContact(int, Contact&, std::string) override {}
-    void UpdateActiveCallLocalContact(int, Contact&, std::string) override {}
-    void UpdateActiveCallConnectedNum(int, Contact&, std::string) override {}
-    void UpdateActiveCallCategory(int, int) override {}
-    bool UpdateActiveCall(int, const StringMap&) override { return false; }
-    void SetActiveCallExtra(int, std::string, std::string) override {}
-    StdStringMap GetActiveCallExtra(int) override { return {}; }
+    void UpdateActiveCallRemoteContact(int iID, Contact&, std::string strRemote) override
+    {
+        calls.push_back("UpdateActiveCallRemoteContact " + std::to_string(iID) + " " + strRemote);
+    }
+    void UpdateActiveCallLocalContact(int iID, Contact&, std::string strLocal) override
+    {
+        calls.push_back("UpdateActiveCallLocalContact " + std::to_string(iID) + " " + strLocal);
+    }
+    void UpdateActiveCallConnectedNum(int iID, Contact&, std::string strConnected) override
+    {
+        calls.push_back("UpdateActiveCallConnectedNum " + std::to_string(iID) + " " + strConnected);
+    }
+    void UpdateActiveCallCategory(int iID, int iCategory) override
+    {
+        calls.push_back("UpdateActiveCallCategory " + std::to_string(iID) + " " + std::to_string(iCategory));
+    }
+    bool UpdateActiveCall(int iID, const StringMap& rCallInfo) override
+    {
+        calls.push_back("UpdateActiveCall " + std::to_string(iID));
+        vUpdatedRows.push_back(rCallInfo.data);
+        return !fDown;
+    }
+    void SetActiveCallExtra(int iID, std::string strKey, std::string strValue) override
+    {
+        calls.push_back("SetActiveCallExtra " + std::to_string(iID) + " " + strKey + "=" + strValue);
+        if (!fDown)
+            extras[iID][strKey] = strValue;
+    }
+    StdStringMap GetActiveCallExtra(int iID) override
+    {
+        auto it = extras.find(iID);
+        return fDown || it == extras.end() ? StdStringMap() : it->second;
+    }
     StdStringMap GetActiveCallCarryOver(int) override { return {}; }
     Contact GetOrCreateLineContact(int iChannel, long long, std::string strName) override
     {
         calls.push_back("GetOrCreateLineContact " + std::to_string(iChannel) + " " + strName);
-        return Contact();
+        return fDown ? Contact() : rLineContact;
     }
-    Contact GetCallerIDContact(std::string) override { return Contact(); }
-    Contact GetOrCreateCallerIDContact(std::string, std::string, bool, std::string) override
+    // Known numbers only; GetOrCreate also makes one (ids counting from 500).
+    Contact GetCallerIDContact(std::string strCallerID) override
     {
-        return Contact();
+        auto it = contacts.find(strCallerID);
+        return fDown || it == contacts.end() ? Contact() : it->second;
+    }
+    Contact GetOrCreateCallerIDContact(std::string strCallerID, std::string, bool fLocal,
+                                       std::string) override
+    {
+        calls.push_back("GetOrCreateCallerIDContact " + strCallerID);
+        if (fDown)
+            return Contact();
+        auto it = contacts.find(strCallerID);
+        if (it != contacts.end())
+            return it->second;
+        Contact c;
+        c.iContactID = iNextContactID++;
+        c.iCallerID = c.iContactID + 1000;
+        c.fLocal = fLocal;
+        contacts[strCallerID] = c;
+        return c;
     }
     void DeleteIfUnused(Contact) override {}
-    std::string GetContactName(int) override { return std::string(); }
+    std::string GetContactName(int) override { return strContactName; }
     void GetConfigsPart(StdStringMap& rConfigs, std::string strPart) override
     {
         if (fDown)
@@ -85,11 +166,24 @@ public:
         for (auto& kv : rConfigs)
             configs[kv.first] = Row{kv.second, strPart};
     }
-    void GetUsersOfPhone(int, std::vector<int>&) override {}
+    void GetUsersOfPhone(int iContactID, std::vector<int>& aiAccIDs) override
+    {
+        auto it = usersOfPhone.find(iContactID);
+        if (it != usersOfPhone.end())
+            aiAccIDs.insert(aiAccIDs.end(), it->second.begin(), it->second.end());
+    }
     std::string GetUserStringOnAccID(int, std::string) override { return std::string(); }
-    int GetUserIntOnAccID(int, std::string) override { return 0; }
-    IdMapEntry GetIdMapEntry(std::string) override { return IdMapEntry(); }
-    CallerIdContact GetCustomLocal(long long) override { return CallerIdContact(); }
+    int GetUserIntOnAccID(int iAccID, std::string strField) override
+    {
+        auto it = userInts.find(std::to_string(iAccID) + " " + strField);
+        return it == userInts.end() ? 0 : it->second;
+    }
+    IdMapEntry GetIdMapEntry(std::string strLocalNum) override
+    {
+        auto it = idMap.find(strLocalNum);
+        return it == idMap.end() ? IdMapEntry() : it->second;
+    }
+    CallerIdContact GetCustomLocal(long long) override { return rCustomLocal; }
 };
 
 #endif
