@@ -128,3 +128,145 @@ TEST_F(SimAudioTest, OffsetsFollowARingThatIsNoMultipleOfTheCadence)
     EXPECT_EQ(reader.vData, Pattern(7, 0, 7 * 2048));
     EXPECT_EQ(Stats().overruns, 0u);
 }
+
+TEST_F(SimAudioTest, SourcesGiveSilenceByLawTonesAndLoopedFiles)
+{
+    // No source set: a silent line, in the law of the recording.
+    char acRing[4096] = {};
+    RingReader reader(acRing, sizeof(acRing));
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ULAW, acRing, sizeof(acRing), 0), 0);
+    Run(400, &reader);
+    ASSERT_EQ(reader.vData.size(), 2048u);
+    EXPECT_EQ(reader.vData, std::vector<unsigned char>(2048, 0xFF));
+    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+    RingReader alaw(acRing, sizeof(acRing));
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
+    Run(400, &alaw);
+    EXPECT_EQ(alaw.vData, std::vector<unsigned char>(2048, 0xD5));
+    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+
+    // A 1000 Hz tone at -6 dBFS over one second: 2000 sign changes, peaks
+    // near half of full scale, in both laws.
+    for (int iFormat : {REC_FORMAT_ALAW, REC_FORMAT_ULAW}) {
+        ASSERT_EQ(Command("audio 60 tone 1000 -6"), "OK audio 60 source tone 1000 Hz -6.0 dBFS");
+        RingReader tone(acRing, sizeof(acRing));
+        ASSERT_EQ(SsmRecToMem(kCh, iFormat, acRing, sizeof(acRing), 0), 0);
+        Run(1200, &tone);
+        ASSERT_GE(tone.vData.size(), 8000u);
+        int iCrossings = 0, iPeak = 0;
+        int iLast = 0;
+        for (size_t i = 0; i < 8000; ++i) {
+            int v =
+                iFormat == REC_FORMAT_ULAW ? SimUlawToLinear(tone.vData[i]) : SimAlawToLinear(tone.vData[i]);
+            if (i > 0 && (v < 0) != (iLast < 0))
+                ++iCrossings;
+            iLast = v;
+            iPeak = std::max(iPeak, std::abs(v));
+        }
+        EXPECT_NEAR(iCrossings, 2000, 4) << iFormat;
+        EXPECT_NEAR(iPeak, 16422, 600) << iFormat;
+        ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+    }
+
+    // A file of raw bytes is written as it stands, over and over.
+    WriteFile(SimDir() + "/five.raw", "\x01\x02\x03\x04\x05");
+    ASSERT_EQ(Command("audio 60 file five.raw").substr(0, 2), "OK");
+    RingReader file(acRing, sizeof(acRing));
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
+    Run(400, &file);
+    ASSERT_EQ(file.vData.size(), 2048u);
+    for (size_t i = 0; i < file.vData.size(); ++i)
+        ASSERT_EQ(file.vData[i], i % 5 + 1) << i;
+
+    EXPECT_EQ(Command("audio 60 file missing.raw").substr(0, 3), "ERR");
+    WriteFile(SimDir() + "/empty.raw", "");
+    EXPECT_EQ(Command("audio 60 file empty.raw").substr(0, 3), "ERR");
+    EXPECT_EQ(Command("audio 60 tone 4000"), "ERR tone frequency must be a whole number of Hz in 1..3999");
+    EXPECT_EQ(Command("audio 60 tone 440 3").substr(0, 3), "ERR");
+    EXPECT_EQ(Command("audio 60 pattern -1").substr(0, 3), "ERR");
+    EXPECT_EQ(Command("audio 60 noise").substr(0, 3), "ERR");
+    EXPECT_EQ(Command("audio 99 silence"), "ERR no channel 99");
+}
+
+TEST_F(SimAudioTest, StopEndsTheAudioAndDropsItsProgress)
+{
+    ASSERT_EQ(Command("audio 60 pattern 3").substr(0, 2), "OK");
+    char acRing[4096];
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
+    shsim_advance_clock(512); // a whole ring at once: progress at 2048 and 4096
+    SSM_EVENT ev{};
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    EXPECT_EQ(ev.dwParam, 2048u);
+    ASSERT_EQ(shsim_inject_event(E_CHG_RcvDTMF, kCh, '1', 0, nullptr, 0), 0);
+    ASSERT_EQ(shsim_pending_events(), 2);
+
+    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+    EXPECT_EQ(shsim_pending_events(), 1);
+    memset(acRing, 'x', sizeof(acRing));
+    shsim_advance_clock(2000);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    EXPECT_EQ(ev.wEventCode, E_CHG_RcvDTMF);
+    EXPECT_EQ(SsmWaitForEventA(200, &ev), -1);
+    EXPECT_EQ(std::string(acRing, sizeof(acRing)), std::string(sizeof(acRing), 'x'));
+    shsim_audio_stats st = Stats();
+    EXPECT_EQ(st.delivered, 4096u);
+    EXPECT_EQ(st.reported, 2048u);
+    EXPECT_EQ(st.overruns, 0u);
+
+    // A new recording without a stop drops the old one's progress as well.
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
+    shsim_advance_clock(512);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    ASSERT_EQ(shsim_pending_events(), 1);
+    char acOther[4096];
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acOther, sizeof(acOther), 0), 0);
+    EXPECT_EQ(shsim_pending_events(), 0);
+}
+
+TEST_F(SimAudioTest, OverrunOnlyWhenTheWriterLapsWhatTheReaderTook)
+{
+    char acRing[4096];
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
+
+    // Progress still queued is no loss while the writer stays within one
+    // ring of what the reader took: 4000 bytes with the reader at 0, then
+    // 6144 with the reader at 2048 and two events queued.
+    SSM_EVENT ev{};
+    shsim_advance_clock(500);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    EXPECT_EQ(ev.dwParam, 2048u);
+    shsim_advance_clock(268);
+    for (DWORD want : {0u, 2048u}) {
+        ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+        EXPECT_EQ(ev.dwParam, want);
+    }
+    EXPECT_EQ(Stats().overruns, 0u);
+    EXPECT_EQ(Command("overruns"), "OK 0 overruns");
+
+    // The reader stays away for a second: 8000 more bytes lap it (at 6144).
+    shsim_advance_clock(1000);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    const uint64_t kLost = 14144 - 4096 - 6144;
+    EXPECT_EQ(Stats().overruns, 1u);
+    EXPECT_EQ(Stats().lost, kLost);
+    EXPECT_EQ(Command("overruns"), "OK 1 overruns: overrun 60 " + std::to_string(kLost));
+    EXPECT_NE(Command("log 3").find("overrun 60 " + std::to_string(kLost)), std::string::npos);
+    EXPECT_NE(Command("status").find("overruns 1 lost " + std::to_string(kLost)), std::string::npos);
+    std::string audio = Command("audio 60");
+    EXPECT_NE(audio.find("overruns 1 lost " + std::to_string(kLost)), std::string::npos) << audio;
+
+    // Once it reads again, the lost stretch isn't counted a second time.
+    while (shsim_pending_events() > 0)
+        ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    shsim_advance_clock(250);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    EXPECT_EQ(Stats().overruns, 1u);
+
+    // A cadence beyond the ring loses a lap between events however fast
+    // the reader is.
+    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, 1024, 0), 0);
+    Run(400, nullptr);
+    EXPECT_EQ(Stats().overruns, 3u);
+    EXPECT_EQ(Stats().lost, kLost + (1600 - 1024) + (3200 - 1024 - 576));
+}
