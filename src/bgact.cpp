@@ -9,6 +9,14 @@
 // finished action already stands in the main queue.
 // An idle worker sleeps on a condition variable for up to one second; a
 // queued action or close() wakes it at once, so neither waits for a poll.
+//
+// AudioConvAct finishes a kept recording in two halves. On a worker it
+// converts, checks, encrypts and hashes the file with external commands
+// (each through execCmd/stdSystem, whose popen children inherit no
+// descriptor), touching only its own fields and the call's files. On the
+// main thread it merges what the front end wrote into the active row during
+// the call and moves the call to Calls, back to back, so no other database
+// work can come between the read of the row and its deletion.
 #include "bgact.h"
 
 #include <atomic>
@@ -16,11 +24,14 @@
 #include <condition_variable>
 #include <list>
 #include <mutex>
+#include <sys/stat.h>
 #include <thread>
 
+#include "datafile.h"
 #include "filedir.h"
 #include "logging.h"
 #include "recorder.h"
+#include "signaling.h"
 
 namespace {
 
@@ -177,4 +188,163 @@ bool isBgQueueReady()
 void DeleteFileAct::performThread()
 {
     DeleteFn(strFilename.c_str());
+}
+
+// ---- AudioConvAct ---------------------------------------------------------------
+
+namespace {
+
+const char* const ENCODING_GSM = "551";
+const char* const ENCODING_MP3 = "801";
+// The recording waits in ActiveCalls for a decision on storing on demand.
+const long PROCSTATE_STORE_ON_DEMAND = 128;
+
+struct CheckSumTool {
+    const char* pcType;
+    const char* pcTool;
+};
+const CheckSumTool arCheckSumTools[] = {
+    {"md5", "md5sum"}, {"sha1", "sha1sum"}, {"sha256", "sha256sum"}, {"sha512", "sha512sum"}};
+
+// Unconverted audio under the final name: a failed conversion never loses
+// the recording. The copy's status is not looked at.
+void CopyUnconverted(const AudioConvAct& rAct)
+{
+    execCmd("cp " + escapeShellArg(rAct.strFullFilename) + " " + escapeShellArg(rAct.strFullFilenameFinal));
+}
+
+void ConvertToGsm(AudioConvAct& rAct)
+{
+    if (execCmd("sox " + escapeShellArg(rAct.strFullFilename) + " -e gsm-full-rate " +
+                escapeShellArg(rAct.strFullFilenameFinal)) == 0)
+        rAct.rCallInfo.AddUtf8("encoding", ENCODING_GSM);
+    else
+        CopyUnconverted(rAct);
+}
+
+void ConvertToMp3(AudioConvAct& rAct)
+{
+    // sox reads '16'.4 as the one number 16.4: bit rate and quality.
+    std::string strBitrate = rAct.fStereo ? "32" : "16";
+    if (execCmd("sox " + escapeShellArg(rAct.strFullFilename) + " -C " + escapeShellArg(strBitrate) + ".4 " +
+                escapeShellArg(rAct.strFullFilenameFinal)) == 0) {
+        rAct.rCallInfo.AddUtf8("encoding", ENCODING_MP3);
+        return;
+    }
+    lg(3, "Conversion to MP3 failed, fn: %s", rAct.strFullFilename.c_str());
+    // The unconverted audio is a WAVE file: it keeps that extension, and
+    // the row's file name follows.
+    rAct.strFullFilenameFinal = RemoveFileExtension(rAct.strFullFilenameFinal) + ".wav";
+    rAct.rCallInfo.AddUtf8("filename", ExtractFileName(rAct.strFullFilenameFinal));
+    CopyUnconverted(rAct);
+}
+
+// G.711 is recorded straight under the final name and needs nothing.
+void ConvertAudio(AudioConvAct& rAct)
+{
+    if (rAct.eRecEnc == RECENC_GSM)
+        ConvertToGsm(rAct);
+    else if (rAct.eRecEnc == RECENC_MP3)
+        ConvertToMp3(rAct);
+    else
+        return;
+    chmod(rAct.strFullFilenameFinal.c_str(), 0777); // a failure is harmless
+    DeleteFn(rAct.strFullFilename.c_str());
+}
+
+// chk is emptied whatever stood there; chktype only changes with a new sum,
+// so a stale chktype may stand beside an empty chk.
+void StoreCheckSum(AudioConvAct& rAct)
+{
+    std::string& rstrExtra = rAct.rCallInfo.data["callextra"];
+    StdStringMap rMapCallExtra = StringToArray(rstrExtra);
+    rMapCallExtra["chk"] = "";
+    for (const CheckSumTool& rTool : arCheckSumTools)
+        if (rAct.strCheckSumType == rTool.pcType)
+            rMapCallExtra["chk"] = calcSum(rTool.pcTool, rAct.strArchiveFilename);
+    if (!rMapCallExtra["chk"].empty())
+        rMapCallExtra["chktype"] = rAct.strCheckSumType;
+    rstrExtra = ArrayToString(rMapCallExtra);
+}
+
+// Values the front end wrote into the active row during the call. Where
+// both have a key, the call's own value wins, but callextra entries are
+// merged and processingstate bits are ORed.
+void MergeCarryOver(StdStringMap& rInfo, const StdStringMap& rCarryOver)
+{
+    for (const auto& kv : rCarryOver) {
+        auto it = rInfo.find(kv.first);
+        if (it == rInfo.end()) {
+            rInfo[kv.first] = kv.second;
+        } else if (kv.first == "callextra") {
+            StdStringMap rMapCarry = StringToArray(kv.second);
+            for (const auto& rNew : StringToArray(it->second))
+                rMapCarry[rNew.first] = rNew.second;
+            it->second = ArrayToString(rMapCarry);
+        } else if (kv.first == "processingstate") {
+            it->second = ToStdString(static_cast<long long>(StrToLong(it->second) | StrToLong(kv.second)));
+        }
+    }
+}
+
+// Store on demand with a delay: the row keeps the final values and stays
+// in ActiveCalls, marked, until the front end decides; a wanted mail is
+// noted for then.
+void KeepForStoreOnDemand(AudioConvAct& rAct)
+{
+    StdStringMap& rInfo = rAct.rCallInfo.data;
+    long iState = rInfo.count("processingstate") ? StrToLong(rInfo["processingstate"]) : 0;
+    rInfo["processingstate"] = ToStdString(static_cast<long long>(iState | PROCSTATE_STORE_ON_DEMAND));
+    if (rAct.fToEmail) {
+        StdStringMap rMapCallExtra = StringToArray(rInfo["callextra"]);
+        rMapCallExtra["to-email"] = "L";
+        rInfo["callextra"] = ArrayToString(rMapCallExtra);
+    }
+    rAct.prDB->UpdateActiveCall(rAct.iActiveCallID, rAct.rCallInfo);
+}
+
+} // namespace
+
+std::string calcSum(std::string strProgram, std::string strFileName)
+{
+    std::string strOut = stdSystem(strProgram + " -b " + escapeShellArg(strFileName));
+    size_t iBlank = strOut.find(' ');
+    return iBlank == std::string::npos ? std::string() : strOut.substr(0, iBlank);
+}
+
+void AudioConvAct::performThread()
+{
+    ConvertAudio(*this);
+    // After an MP3 fallback these are the ".wav" name's companions; those
+    // of the earlier name stay behind.
+    DeleteFn((strFullFilenameFinal + ".raw").c_str());
+    DeleteFn((strFullFilenameFinal + ".info").c_str());
+    std::string strFinal = escapeShellArg(strFullFilenameFinal);
+    if (prRecorder && prRecorder->fRecCheck)
+        execCmd("quorda_reccheck " + strFinal + " " + escapeShellArg(ToStdString(iDuration)));
+    if (prRecorder && prRecorder->fALE) {
+        execCmd("quorda_crypt -e -i " + strFinal + " -o " + escapeShellArg(strArchiveFilename));
+        // Gone also when encryption failed: no plain copy may stay behind.
+        DeleteFn(strFullFilenameFinal.c_str());
+    }
+    StoreCheckSum(*this);
+}
+
+void AudioConvAct::performMain()
+{
+    if (!prDB)
+        return;
+    // An empty carry-over (row gone, database down) leaves rCallInfo as it is.
+    MergeCarryOver(rCallInfo.data, prDB->GetActiveCallCarryOver(iActiveCallID));
+    if (fStoreOnDemandDelay) {
+        KeepForStoreOnDemand(*this);
+        return;
+    }
+    // The active row goes first so the call never stands in both tables.
+    prDB->DeleteActiveCall(iActiveCallID);
+    int iCallID = prDB->AddCall(rCallInfo);
+    if (fToEmail && prRecorder)
+        prRecorder->EmailRecording(iCallID, iEmailContactID);
+    // The post-call tracker's CallPostAct for iCallID is queued here when
+    // prRecorder->fNeedCallPost is set.
 }

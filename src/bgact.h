@@ -60,6 +60,11 @@ public:
     StringMap rCallInfo;              // the future Calls row
 };
 
+// Runs strProgram ("md5sum", ...) with " -b " on the file and gives its
+// output up to the first blank: the sum. "" when the output has no blank
+// (no file, no tool). Any thread.
+std::string calcSum(std::string strProgram, std::string strFileName);
+
 void init_bgact();
 void close_bgact();
 // Takes ownership. Without a handler the action runs at once on the caller.
