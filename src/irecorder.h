@@ -93,6 +93,14 @@ public:
     virtual void NewLineHealth(int iChIx) = 0;
     // The status directory, ending in "/".
     virtual std::string GetDataDir() = 0;
+    // True when the recording of a call between these contacts is kept only
+    // on demand: the system value "RecOnDemand", overridden by the "rod"
+    // setting of the users of either contact (the last definite one wins).
+    virtual bool StoreOnDemand(Contact rContactLocal, Contact rContactRemote) = 0;
+    // Commands naming a call by its strDbRemoteId: 0 done, 1 no channel has
+    // that call, 2 the channel refused.
+    virtual int SilencingAct(std::string strCallId, bool fSound) = 0;
+    virtual int RecOnDmdAct(std::string strCallId, bool fStart) = 0;
 };
 
 #endif

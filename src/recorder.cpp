@@ -610,6 +610,102 @@ int CRecorder::ChState(int iChannel)
     return vChannels[d]->WriteChState() != 0 ? 3 : 0;
 }
 
+// ---- CRecorder: channel lookups by call ------------------------------------------------------
+// Commands name a call, not a channel. A call id is unique in practice;
+// should two channels show the same one, the lower position is acted on.
+// An idle channel has an empty id, so an empty call id reaches the first
+// idle channel, which then decides by itself.
+
+BaseChannel* CRecorder::FindByCallId(const std::string& strCallId)
+{
+    for (BaseChannel* prCh : vChannels)
+        if (prCh && prCh->strDbRemoteId == strCallId)
+            return prCh;
+    return nullptr;
+}
+
+int CRecorder::SilencingAct(std::string strCallId, bool fSound)
+{
+    BaseChannel* prCh = FindByCallId(strCallId);
+    if (!prCh)
+        return 1;
+    return prCh->TrySetSilencing(!fSound) ? 0 : 2;
+}
+
+int CRecorder::RecOnDmdAct(std::string strCallId, bool fStart)
+{
+    BaseChannel* prCh = FindByCallId(strCallId);
+    if (!prCh)
+        return 1;
+    return prCh->RecOnDmdAct(fStart) ? 0 : 2;
+}
+
+int CRecorder::DelOnDmdAct(std::string strCallId)
+{
+    BaseChannel* prCh = FindByCallId(strCallId);
+    if (!prCh)
+        return 1;
+    return prCh->DeleteAct() ? 0 : 2;
+}
+
+namespace {
+
+// Position of the first channel whose masked remote number is strNum, or
+// with f00 is strNum without a leading "00"; -1 when none. With fFirstTry
+// false an empty number never matches.
+int FindByRemoteNum(const std::vector<BaseChannel*>& vChannels, const std::string& strNum, bool fFirstTry)
+{
+    for (size_t i = 0; i < vChannels.size(); ++i) {
+        if (!vChannels[i])
+            continue;
+        std::string n = vChannels[i]->GetDbRemoteNum();
+        if (fFirstTry ? (n == strNum || "00" + n == strNum) : (!n.empty() && n == strNum))
+            return static_cast<int>(i);
+    }
+    return -1;
+}
+
+} // namespace
+
+int CRecorder::ChLocal(std::string strLocalPhoneNumber, std::string strRemotePhoneNumber, bool stopstart)
+{
+    if (vChannels.empty())
+        return 1;
+    // A telephony server may send the remote number with the international
+    // "00" in front of what the line delivered.
+    int i = FindByRemoteNum(vChannels, strRemotePhoneNumber, true);
+    if (i >= 0) {
+        lg(5, "[%d] Channel found for RemoteNumber: %s", i + 1, strRemotePhoneNumber.c_str());
+        return vChannels[i]->LocalNumberChanged(strLocalPhoneNumber, strRemotePhoneNumber, stopstart) ? 0 : 2;
+    }
+    if (!fCrecTestSwapLocRem)
+        return 1;
+    // Test set-ups with local and remote swapped: the channel knows the
+    // command's local number as its remote one.
+    i = FindByRemoteNum(vChannels, strLocalPhoneNumber, false);
+    if (i < 0)
+        return 1;
+    lg(5, "[%d] Channel found (second attempt) for RemoteNumber: %s", i + 1, strLocalPhoneNumber.c_str());
+    return vChannels[i]->LocalNumberChanged(strRemotePhoneNumber, strLocalPhoneNumber, stopstart) ? 0 : 2;
+}
+
+bool CRecorder::StoreOnDemand(Contact rContactLocal, Contact rContactRemote)
+{
+    int iRecOnDemand = prDatabase->GetConfigInt("RecOnDemand");
+    std::vector<int> aiAccIDs;
+    prDatabase->GetUsersOfPhone(static_cast<int>(rContactLocal.iContactID), aiAccIDs);
+    prDatabase->GetUsersOfPhone(static_cast<int>(rContactRemote.iContactID), aiAccIDs);
+    // The last account with a definite setting wins: 1 on demand, 2 always kept.
+    for (int iAccID : aiAccIDs) {
+        int v = prDatabase->GetUserIntOnAccID(iAccID, "rod");
+        if (v == 1)
+            iRecOnDemand = 1;
+        else if (v == 2)
+            iRecOnDemand = 0;
+    }
+    return iRecOnDemand != 0;
+}
+
 // ---- CRecorder: forwarding to the settings store ------------------------------------------
 
 std::string CRecorder::GetBoardPbxType(int iBoardListIx)

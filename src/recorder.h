@@ -225,6 +225,15 @@ public:
     bool IsSpecial(std::string strName) override;
     void NewLineHealth(int iChIx) override;
     std::string GetDataDir() override;
+    bool StoreOnDemand(Contact rContactLocal, Contact rContactRemote) override;
+    int SilencingAct(std::string strCallId, bool fSound) override;
+    int RecOnDmdAct(std::string strCallId, bool fStart) override;
+    // Same codes as SilencingAct.
+    int DelOnDmdAct(std::string strCallId);
+    // Finds the channel by its remote number (also with "00" before it) and
+    // hands it the new local number; with fCrecTestSwapLocRem a second
+    // search by the local number, with the numbers swapped.
+    int ChLocal(std::string strLocalPhoneNumber, std::string strRemotePhoneNumber, bool stopstart);
 
     void LoadReloadableSettings();
     void WriteLineStatus();
@@ -244,6 +253,8 @@ private:
     TBoard* BoardAt(int iBoardListIx);
     // False for -1 (silently) and, with a log line, for any index outside vChannels.
     bool IsValidChannelIx(int iChIx, int iReported);
+    // First channel whose strDbRemoteId is strCallId, or null.
+    BaseChannel* FindByCallId(const std::string& strCallId);
     void LoadFixedSettings();
     void CreateChannels();
 };
