@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <sys/stat.h>
 
+#include "AnalogChannel.h"
 #include "BaseChannel.h"
 #include "filedir.h"
 #include "ftime.h"
@@ -70,11 +71,13 @@ bool IsInList(const std::vector<std::string>& v, const std::string& strNum)
     return false;
 }
 
-// The class of a channel follows its driver channel type; until the line
-// types exist every channel is the plain class, which follows the channel
-// state alone.
-BaseChannel* NewChannelOfType(int /*iType*/)
+// The class of a channel follows its driver channel type. Types without a
+// line class of their own get the plain class, which follows the channel
+// state alone, so that vChannels indices still equal driver channels.
+BaseChannel* NewChannelOfType(int iType)
 {
+    if (iType == CH_ANALOG)
+        return new AnalogChannel();
     return new BaseChannel();
 }
 
