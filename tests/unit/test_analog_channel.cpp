@@ -222,17 +222,6 @@ TEST_F(AnalogTest, VoiceTriggerStartsOnVoiceAndEndsAfterExactlyTheSilenceTimeOut
     EXPECT_EQ(Count("Call stops"), 1);
 }
 
-TEST_F(AnalogTest, SilenceEndsTheVoiceViewSilentlyUnderOtherTriggers)
-{
-    Init(1);
-    Voice(true);
-    Voice(false);
-    Ticks(8);
-    EXPECT_FALSE(ch.fInCall_Audio);
-    EXPECT_FALSE(log.Contains("Silence time out"));
-    EXPECT_FALSE(ch.fCallBusy);
-}
-
 TEST_F(AnalogTest, DebugRepeatRecordRestartsAtNoSoundAndAtEachTimeOut)
 {
     rec.fDebugRepeatRecord = true;
@@ -294,7 +283,7 @@ TEST_F(AnalogTest, R2SplitSetsBothNumbersAndLocksTheRemoteForGood)
     EXPECT_EQ(ch.strLocalNum, "12345\xFC");
 }
 
-// ---- digits, tones, events without effect -------------------------------------------------
+// ---- digits and tones -------------------------------------------------
 
 TEST_F(AnalogTest, DigitsReachTheFrameAndTheCardBufferIsCleared)
 {
@@ -305,12 +294,6 @@ TEST_F(AnalogTest, DigitsReachTheFrameAndTheCardBufferIsCleared)
     EXPECT_EQ(ch.strDigits, "5*");
     EXPECT_TRUE(log.Contains("[1] Analog DTMF detected: 5", 5));
     EXPECT_EQ(Sim("log"), "OK 2 calls: SsmClearRxDtmfBuf(0); SsmClearRxDtmfBuf(0)");
-
-    Event(E_CHG_FlashCount);
-    Event(E_SYS_NoSound);
-    EXPECT_TRUE(log.Contains("[1] Hook flash detected", 5));
-    EXPECT_TRUE(log.Contains("[1] Analog No Sound Detected", 5));
-    EXPECT_FALSE(ch.fCallBusy);
 }
 
 TEST_F(AnalogTest, TonesAreLoggedOncePerChangeAndSuspendLoudDetection)

@@ -141,14 +141,6 @@ TEST_F(AudioConvThreadTest, WithoutAKnownTypeChkIsEmptiedAndTheOldTypeStays)
     EXPECT_EQ(Extra(), (StdStringMap{{"chk", ""}}));
 }
 
-TEST_F(AudioConvThreadTest, CalcSumIsTheOutputUpToTheFirstBlank)
-{
-    std::string strPath = FinalWithCompanions("x y.wav", "abc");
-    EXPECT_EQ(calcSum("md5sum", strPath), "900150983cd24fb0d6963f7d28e17f72");
-    EXPECT_EQ(calcSum("true", strPath), "");
-    EXPECT_EQ(calcSum("no-such-tool-here", strPath), "");
-}
-
 // ---- recording check and encryption ----------------------------------------------------------
 
 TEST_F(AudioConvThreadTest, CheckAndEncryptionGetTheirArgumentsAndThePlainFileGoes)
