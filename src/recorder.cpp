@@ -24,6 +24,7 @@
 #include "logging.h"
 #include "paths.h"
 #include "quorda_crec.h"
+#include "reactor.h"
 #include "signaling.h"
 
 namespace {
@@ -249,11 +250,14 @@ int TRecorderBoot::RecorderUseBoardsLoop()
         delete prRecorder;
         return 1;
     }
-    // The command socket starts here (init_reactor) once it exists.
+    // Commands reach channels, so the socket opens only once they exist.
+    init_reactor(prRecorder);
     RecorderLoop rLoop(*this, *prRecorder);
     while (rLoop.RunPass()) {
     }
-    // ...and is closed here (close_reactor), before the queue is emptied.
+    // Closed before the queue is emptied: a client still waiting for an
+    // act that is now dropped unrun gets "E4: time-out".
+    close_reactor();
     emptyQueue();
     delete prRecorder;
     return 0;
