@@ -16,7 +16,10 @@
 // descriptor), touching only its own fields and the call's files. On the
 // main thread it merges what the front end wrote into the active row during
 // the call and moves the call to Calls, back to back, so no other database
-// work can come between the read of the row and its deletion.
+// work can come between the read of the row and its deletion. When calls
+// need post-processing it then queues a CallPostAct, whose worker half
+// tells the tracker; the tracker is closed after the workers, so no post
+// can meet a stopped child.
 #include "bgact.h"
 
 #include <atomic>
@@ -27,9 +30,11 @@
 #include <sys/stat.h>
 #include <thread>
 
+#include "LineCom.h"
 #include "datafile.h"
 #include "filedir.h"
 #include "logging.h"
+#include "paths.h"
 #include "recorder.h"
 #include "signaling.h"
 
@@ -163,6 +168,7 @@ void close_bgact()
         return;
     prHandler->close();
     delete prHandler;
+    theTracker.close();
 }
 
 void queueAction(ThreadAct* act)
@@ -345,6 +351,55 @@ void AudioConvAct::performMain()
     int iCallID = prDB->AddCall(rCallInfo);
     if (fToEmail && prRecorder)
         prRecorder->EmailRecording(iCallID, iEmailContactID);
-    // The post-call tracker's CallPostAct for iCallID is queued here when
-    // prRecorder->fNeedCallPost is set.
+    // Even for -1 (AddCall failed): the tracker hears of every finished call.
+    if (prRecorder && prRecorder->fNeedCallPost)
+        queueAction(new CallPostAct(iCallID));
+}
+
+// ---- Post-call tracker ------------------------------------------------------
+
+Tracker theTracker;
+
+void Tracker::init()
+{
+    if (m_lineCom)
+        return;
+    std::string strPhp = PhpPath();
+    std::string strScript = SysPath("/var/quorda/cmd/tracker.php");
+    const char* apcArgs[] = {strPhp.c_str(), strScript.c_str(), nullptr};
+    m_lineCom = new LineCom();
+    m_lineCom->Init(strPhp.c_str(), apcArgs);
+    m_lineCom->SupportsExitMsg();
+    m_lineCom->SetRestartInterval(600);
+    m_lineCom->SetReadTimeout(30);
+    m_lineCom->SetErrorTimeout(120);
+    m_lineCom->SetErrorRecheckInterval(1);
+}
+
+void Tracker::postCall(int id)
+{
+    std::lock_guard<std::mutex> lock(rMutex);
+    init();
+    std::string strReply;
+    if (m_lineCom->SendMsg("type=crec&act=post&id=" + ToStdString(id) + "\n", strReply))
+        lg(5, "LineCom reply: %s", strReply.c_str());
+    else
+        lg(3, "LineCom SendMsg post failed");
+}
+
+void Tracker::close()
+{
+    std::lock_guard<std::mutex> lock(rMutex);
+    if (!m_lineCom)
+        return;
+    m_lineCom->Stop();
+    delete m_lineCom;
+    m_lineCom = nullptr;
+}
+
+void CallPostAct::performThread()
+{
+    lg(5, "Call Post id=%d", iCallID);
+    theTracker.postCall(iCallID);
+    lg(5, "Post done");
 }

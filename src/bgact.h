@@ -11,6 +11,7 @@
 #ifndef BGACT_H
 #define BGACT_H
 
+#include <mutex>
 #include <string>
 
 #include "fstring.h"
@@ -58,6 +59,44 @@ public:
     ICRecorder* prRecorder = nullptr; // fRecCheck, fALE, EmailRecording, fNeedCallPost
     bool fStoreOnDemandDelay = false;
     StringMap rCallInfo;              // the future Calls row
+};
+
+class LineCom;
+
+// The post-call tracker: a long-running PHP script ("tracker.php") that is
+// told, one line per call, which call has got its Calls row. The script is
+// a child process kept by LineCom and started by the first post, so a
+// system that needs no posts never starts PHP.
+// DESIGN: both workers may post; rMutex makes them take turns, since the
+// child carries one exchange at a time, and it is held for the whole
+// exchange (the first one included). Only worker threads post, so a slow
+// script holds up background work but never the main thread.
+class Tracker {
+public:
+    // Creates and sets up the child link once; the caller holds rMutex.
+    void init();
+    // Sends "type=crec&act=post&id=<id>\n" and logs the reply or the
+    // failure; a failed post is not retried. Worker threads.
+    void postCall(int id);
+    // Stops the child and frees the link; nothing without an earlier post.
+    // Called by close_bgact when no worker is left.
+    void close();
+
+private:
+    LineCom* m_lineCom = nullptr; // guarded by rMutex; owned
+    std::mutex rMutex;
+};
+
+extern Tracker theTracker;
+
+// Tells the tracker about one finished call, from a worker thread.
+class CallPostAct : public ThreadAct {
+public:
+    explicit CallPostAct(int id) : iCallID(id) {}
+    void performThread() override;
+    void performMain() override {}
+
+    int iCallID; // Calls.id, -1 after a failed AddCall
 };
 
 // Runs strProgram ("md5sum", ...) with " -b " on the file and gives its
