@@ -22,7 +22,8 @@ void shsim_set_root(const char* root);
 /* Copies the root in force into buf (at most len bytes with the NUL). */
 void shsim_get_root(char* buf, size_t len);
 
-/* Back to a fresh process: the driver closed (SsmCloseCti), no events,
+/* Back to a fresh process: the driver closed (SsmCloseCti, which also stops
+ * every trace stream), the trace cycle on, no events,
  * empty call log, no scripted failures and their counters reset, step mode
  * off, no error text. The root stays. */
 void shsim_reset(void);

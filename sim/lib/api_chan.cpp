@@ -3,11 +3,13 @@
 // They record the call in the call log and keep what the card's behaviour
 // needs (memory recording, gains, caller ID, digit buffer, line voltage,
 // spy call data) in the channel's state; a channel the driver doesn't have
-// gives -1 and an error text. The memory recording itself runs in audio.cpp.
+// gives -1 and an error text. The memory recording itself runs in audio.cpp,
+// the trace streams on threads of their own in trace.cpp.
 // Every operation holds the state lock for its own short work only.
 #include "audio.h"
 #include "eventq.h"
 #include "simstate.h"
+#include "trace.h"
 
 #include <algorithm>
 #include <cstring>
@@ -173,12 +175,19 @@ int DTRSetMixerVolume(int nCh, int nGroup, int nInVolume, int nOutVolume)
 
 int SsmStartRecBitFlow(int nCh, PRECRAWDATACALLBACK pfnCallback)
 {
-    return OnChannel("SsmStartRecBitFlow", nCh, pfnCallback ? "callback" : "null", Ok);
+    if (OnChannel("SsmStartRecBitFlow", nCh, pfnCallback ? "callback" : "null", Ok) != 0)
+        return -1;
+    // The thread starts outside the state lock, which it never takes.
+    StartBitFlowStream(nCh, pfnCallback);
+    return 0;
 }
 
 int SsmStopRecBitFlow(int nCh)
 {
-    return OnChannel("SsmStopRecBitFlow", nCh, "", Ok);
+    if (OnChannel("SsmStopRecBitFlow", nCh, "", Ok) != 0)
+        return -1;
+    StopBitFlowStream(nCh);
+    return 0;
 }
 
 int SsmRecToFile(int nCh, const char* pszFile, int nFormat, DWORD dwStartPos, DWORD dwBytes, DWORD dwTime,
@@ -187,12 +196,27 @@ int SsmRecToFile(int nCh, const char* pszFile, int nFormat, DWORD dwStartPos, DW
     std::string args = std::string(pszFile ? pszFile : "(null)") + ", " + std::to_string(nFormat) + ", " +
                        std::to_string(dwStartPos) + ", " + std::to_string(static_cast<int>(dwBytes)) + ", " +
                        std::to_string(dwTime) + ", " + std::to_string(nMask);
-    return OnChannel("SsmRecToFile", nCh, args, Ok);
+    AudioSource src;
+    if (OnChannel("SsmRecToFile", nCh, args, [&src](SimChannel& ch) {
+            src = ch.rSource;
+            return 0;
+        }) != 0)
+        return -1;
+    std::string err = "no file name";
+    if (pszFile && StartFileStream(nCh, pszFile, nFormat, src, err))
+        return 0;
+    SimState& s = Sim();
+    std::lock_guard<std::mutex> lock(s.rMutex);
+    SetErrorLocked(s, "SsmRecToFile: " + err);
+    return -1;
 }
 
 int SsmStopRecToFile(int nCh)
 {
-    return OnChannel("SsmStopRecToFile", nCh, "", Ok);
+    if (OnChannel("SsmStopRecToFile", nCh, "", Ok) != 0)
+        return -1;
+    StopFileStream(nCh);
+    return 0;
 }
 
 int DTRSendRawData2A3(int nReserved, PUCHAR pucBuf, int nCh, int nMask, int nEnable, PDSTCALLBACK pfnCallback)
@@ -200,7 +224,13 @@ int DTRSendRawData2A3(int nReserved, PUCHAR pucBuf, int nCh, int nMask, int nEna
     (void)pucBuf;
     std::string args = "reserved " + std::to_string(nReserved) + ", mask " + std::to_string(nMask) +
                        ", enable " + std::to_string(nEnable) + (pfnCallback ? ", callback" : ", null");
-    return OnChannel("DTRSendRawData2A3", nCh, args, Ok);
+    if (OnChannel("DTRSendRawData2A3", nCh, args, Ok) != 0)
+        return -1;
+    if (nEnable && pfnCallback)
+        StartDstStream(nCh, pfnCallback);
+    else
+        StopDstStream(nCh);
+    return 0;
 }
 
 int SpyGetCallInCh(int nCic)

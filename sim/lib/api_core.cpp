@@ -9,6 +9,7 @@
 #include "control.h"
 #include "eventq.h"
 #include "simstate.h"
+#include "trace.h"
 
 #include <algorithm>
 #include <chrono>
@@ -102,6 +103,7 @@ int SsmStartCti(const char* pszConfigFile, const char* pszIndexFile)
 
 int SsmCloseCti(void)
 {
+    StopAllStreams();
     StopAutoplay();
     StopControlServer();
     Events().SetEnabled(false);

@@ -2,8 +2,9 @@
 //
 // commands.cpp holds the interpreter and the driver-wide commands,
 // cmd_line.cpp the analog line commands, cmd_audio.cpp the audio, overrun
-// and clock commands. Each unit offers a table of handlers; a handler gets
-// the words of the line and the whole (trimmed) line and returns the reply.
+// and clock commands, cmd_trace.cpp the trace streams. Each unit offers a
+// table of handlers; a handler gets the words of the line and the whole
+// (trimmed) line and returns the reply.
 // Handlers take the state lock themselves, for their own short work only.
 #ifndef SIM_CMDUTIL_H
 #define SIM_CMDUTIL_H
@@ -22,6 +23,7 @@ using CommandTable = std::map<std::string, CommandFn>;
 
 const CommandTable& LineCommands();
 const CommandTable& AudioCommands();
+const CommandTable& TraceCommands();
 
 // A number in lo..hi (decimal or 0x hex).
 bool ArgInt(const std::string& s, long lo, long hi, long& v);

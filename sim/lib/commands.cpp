@@ -285,6 +285,8 @@ const char* kHelp =
     "bargein <ch> on|off; nosound <ch>; line <ch>; voltage <ch> <volts>; "
     "audio <ch> [silence|tone HZ [DBFS]|file PATH|pattern SEED]; audio all <source>; "
     "overruns [clear]; clock [advance MS]; "
+    "trace [cycle on|off | dst <ch> 0 <cmd> [hex=HEX] | dst <ch> 1 <code> [sub=N] [xtra=N] [len=N] "
+    "[hex=HEX|text=TEXT]]; "
     "cic <cic> [caller=X] [callee=Y] [con=Z]; list; boards; status; "
     "startfail [first N|seconds T|off]; log [clear|N]; ping; help";
 
@@ -380,6 +382,8 @@ std::string ExecuteCommand(const std::string& rawLine)
         reply = LineCommands().at(c)(a, line);
     else if (AudioCommands().count(c))
         reply = AudioCommands().at(c)(a, line);
+    else if (TraceCommands().count(c))
+        reply = TraceCommands().at(c)(a, line);
     else
         reply = "ERR unknown command '" + c + "' (try help)";
     // One reply line, whatever the texts in it hold.

@@ -6,6 +6,7 @@
 #include "eventq.h"
 #include "simclock.h"
 #include "simstate.h"
+#include "trace.h"
 
 #include <algorithm>
 #include <cstring>
@@ -43,6 +44,7 @@ void shsim_get_root(char* buf, size_t len)
 void shsim_reset(void)
 {
     SsmCloseCti();
+    SetDstCycle(true);
     Events().SetStepMode(false);
     Clock().Reset();
     SimState& s = Sim();
