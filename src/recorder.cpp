@@ -5,7 +5,10 @@
 // and retries until cards are found and started. The run loop then owns a
 // CRecorder and, on the main thread alone, takes one card event per pass,
 // gives every channel one Periodic call per wall-clock second and runs at
-// most one act that another thread queued with mainQueue().
+// most one act that another thread queued with mainQueue(). A stop for a
+// bit stream trace ends every call like a stop of the process, then runs
+// the trace (bittrace.cpp) in 200 ms steps that serve only the main queue,
+// and goes back to events when the trace is stopped.
 // Locks: g_rBootMutex guards the pointer to the current boot against its
 // destruction: mainQueue() checks the pointer and pushes under it, and
 // RecorderMain clears the pointer under it before destroying the boot. The
@@ -19,6 +22,7 @@
 
 #include "AnalogChannel.h"
 #include "BaseChannel.h"
+#include "bittrace.h"
 #include "filedir.h"
 #include "ftime.h"
 #include "logging.h"
@@ -268,8 +272,16 @@ RecorderLoop::RecorderLoop(TRecorderBoot& rBoot_, CRecorder& rRecorder_, WaitEve
 {
 }
 
+RecorderLoop::~RecorderLoop()
+{
+    if (fTracing)
+        StopBitStreamTracing();
+}
+
 bool RecorderLoop::RunPass()
 {
+    if (fTracing)
+        return TracingStep();
     // While stopping no event is taken and no Periodic runs: the calls are
     // ended, and only the queue is served until the background is idle.
     bool fToStop_Cached = fAppTerminate.load() || rRecorder.fBitStreamTracing.load();
@@ -295,7 +307,31 @@ bool RecorderLoop::RunPass()
         return true;
     // Leave only once the background is idle, so no finished action can
     // still be on its way to the main queue.
-    return !(isBgQueueReady() && fCalledShutDown && fQueueIsEmpty);
+    if (!(isBgQueueReady() && fCalledShutDown && fQueueIsEmpty))
+        return true;
+    if (!rRecorder.fBitStreamTracing.load())
+        return false;
+    // Every call is ended and nothing is waiting: the trace replaces event
+    // handling until it is stopped. fCalledShutDown stays true, so a later
+    // stop doesn't end the calls a second time.
+    StartBitStreamTracing(rRecorder.iBitStreamChNr.load());
+    fTracing = true;
+    fTraceFoundAct = false;
+    return true;
+}
+
+bool RecorderLoop::TracingStep()
+{
+    // Acts still run, one per step, and a queue that held one is looked at
+    // again before the trace ends; events and Periodic wait.
+    if ((!fAppTerminate.load() && rRecorder.fBitStreamTracing.load()) || fTraceFoundAct) {
+        SleepUs(STOPPING_PASS_US);
+        fTraceFoundAct = RunOneAct();
+        return true;
+    }
+    StopBitStreamTracing();
+    fTracing = false;
+    return !fAppTerminate.load();
 }
 
 void RecorderLoop::TakeEvent()

@@ -266,8 +266,13 @@ public:
     typedef int (*WaitEventFn)(DWORD dwTimeOutMs, SSM_EVENT* pEvent);
 
     RecorderLoop(TRecorderBoot& rBoot, CRecorder& rRecorder, WaitEventFn pfnWait = SsmWaitForEventA);
+    // Ends a bit stream trace still running, so no card thread writes on.
+    ~RecorderLoop();
+    RecorderLoop(const RecorderLoop&) = delete;
+    RecorderLoop& operator=(const RecorderLoop&) = delete;
     // One pass: at most one event, the once-a-second Periodic, at most one
-    // act of the main queue. False when the loop is to be left.
+    // act of the main queue; while tracing, one tracing step instead. False
+    // when the loop is to be left.
     bool RunPass();
 
 private:
@@ -275,12 +280,16 @@ private:
     void RunPeriodic();
     // Runs the front act of the main queue; false when it was empty.
     bool RunOneAct();
+    // One 200 ms step of bit stream tracing, or its end.
+    bool TracingStep();
 
     TRecorderBoot& rBoot;
     CRecorder& rRecorder;
     WaitEventFn pfnWaitEvent;
     time_t rLastPeriod;
     bool fCalledShutDown = false;
+    bool fTracing = false;       // inside the bit stream tracing block
+    bool fTraceFoundAct = false; // the last tracing step ran an act
 };
 
 #endif
