@@ -259,6 +259,7 @@ int TRecorderBoot::RecorderUseBoardsLoop()
     RecorderLoop rLoop(*this, *prRecorder);
     while (rLoop.RunPass()) {
     }
+    rLoop.LogLongest();
     // Closed before the queue is emptied: a client still waiting for an
     // act that is now dropped unrun gets "E4: time-out".
     close_reactor();
@@ -346,6 +347,8 @@ void RecorderLoop::TakeEvent()
         double dStart = getRelativeTime();
         rRecorder.HandleEvent(&rSsmEvent);
         double dTook = getRelativeTime() - dStart;
+        if (dTook > dLongestEvent)
+            dLongestEvent = dTook;
         if (dTook > SLOW_HANDLER_S)
             lg(4, "Event handling took: %.4f s", dTook);
     } else if (iResult != -1) {
@@ -360,6 +363,7 @@ void RecorderLoop::RunPeriodic()
     time_t rNow = WallNow();
     if (rNow - rLastPeriod <= 0)
         return;
+    double dPassStart = getRelativeTime();
     for (BaseChannel* prChannel : rRecorder.vChannels) {
         double dStart = getRelativeTime();
         prChannel->Periodic();
@@ -367,7 +371,15 @@ void RecorderLoop::RunPeriodic()
         if (dTook > SLOW_HANDLER_S)
             lg(4, "Periodic took: %.4f s", dTook);
     }
+    double dPass = getRelativeTime() - dPassStart;
+    if (dPass > dLongestPeriodic)
+        dLongestPeriodic = dPass;
     rLastPeriod = rNow;
+}
+
+void RecorderLoop::LogLongest() const
+{
+    lg(5, "Longest event handling: %.4f s, longest Periodic: %.4f s", dLongestEvent, dLongestPeriodic);
 }
 
 bool RecorderLoop::RunOneAct()

@@ -274,6 +274,9 @@ public:
     // act of the main queue; while tracing, one tracing step instead. False
     // when the loop is to be left.
     bool RunPass();
+    // Logs the longest single event handling and the longest Periodic pass
+    // seen so far; the run loop calls it once when it ends.
+    void LogLongest() const;
 
 private:
     void TakeEvent();
@@ -290,6 +293,8 @@ private:
     bool fCalledShutDown = false;
     bool fTracing = false;       // inside the bit stream tracing block
     bool fTraceFoundAct = false; // the last tracing step ran an act
+    double dLongestEvent = 0;    // seconds, one HandleEvent
+    double dLongestPeriodic = 0; // seconds, Periodic of all channels
 };
 
 #endif

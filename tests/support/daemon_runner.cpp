@@ -87,6 +87,45 @@ std::string DaemonRunner::SimCommand(const std::string& strCommand)
     return strOut;
 }
 
+bool DaemonRunner::WaitForSim(int iMs)
+{
+    auto tEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(iMs);
+    while (SimCommand("ping").compare(0, 2, "OK") != 0) {
+        if (std::chrono::steady_clock::now() > tEnd)
+            return false;
+        usleep(50000);
+    }
+    return true;
+}
+
+long long DaemonRunner::SimReportedBytes(int iCh)
+{
+    std::string strReply = SimCommand("audio " + std::to_string(iCh));
+    const std::string strKey = " reported ";
+    size_t iPos = strReply.find(strKey);
+    if (strReply.compare(0, 2, "OK") != 0 || iPos == std::string::npos)
+        return -1;
+    return strtoll(strReply.c_str() + iPos + strKey.size(), nullptr, 10);
+}
+
+bool DaemonRunner::AddConfig(const std::string& strPart, const std::string& strParam,
+                             const std::string& strValue)
+{
+    return PgExec("INSERT INTO Configs (param, value, part) VALUES ('" + strParam + "', '" + strValue +
+                  "', '" + strPart + "')");
+}
+
+bool DaemonRunner::WaitForQuery(const std::string& strSql, const std::string& strExpected, int iMs)
+{
+    auto tEnd = std::chrono::steady_clock::now() + std::chrono::milliseconds(iMs);
+    while (PgQuery(strSql) != strExpected) {
+        if (std::chrono::steady_clock::now() > tEnd)
+            return false;
+        usleep(100000);
+    }
+    return true;
+}
+
 bool DaemonRunner::Start(const std::vector<std::string>& vArgs)
 {
     PgUseTestServer();

@@ -32,6 +32,17 @@ public:
     // One control command to the simulator inside the running daemon; the
     // reply line, or "" when the command could not be sent.
     static std::string SimCommand(const std::string& strCommand);
+    // Polls the simulator's control socket until it answers (the daemon has
+    // started the cards); false after iMs.
+    static bool WaitForSim(int iMs);
+    // The "reported" count of `audio <ch>`: the audio bytes the daemon was
+    // told about on that channel since the cards started; -1 on failure.
+    static long long SimReportedBytes(int iCh);
+    // Adds a Configs row (after SeedDatabase).
+    static bool AddConfig(const std::string& strPart, const std::string& strParam,
+                          const std::string& strValue);
+    // Polls the query until its result equals strExpected; false after iMs.
+    static bool WaitForQuery(const std::string& strSql, const std::string& strExpected, int iMs);
 
     // Starts the binary with these arguments ("debug" by default).
     bool Start(const std::vector<std::string>& vArgs = {"debug"});
@@ -45,6 +56,7 @@ public:
     // Waits up to iMs for the exit; the raw wait status, or -1 on time-out.
     int WaitExit(int iMs);
     bool Running() const { return pid > 0; }
+    pid_t Pid() const { return pid; }
 
 private:
     void ReadOutput(int fd);

@@ -73,9 +73,10 @@ bool PgResetTables()
         "Calls, Configs, IdMap RESTART IDENTITY");
 }
 
-bool PgRestartServer()
+// scripts/pg-private <strCmd> on the cluster the tests talk to.
+static bool PgPrivate(const std::string& strCmd)
 {
-    // The cluster the tests talk to: PGHOST is its socket directory <dir>/run.
+    // PGHOST is the cluster's socket directory <dir>/run.
     PgUseTestServer();
     std::string strDir = getenv("PGHOST");
     const std::string strRun = "/run";
@@ -83,8 +84,23 @@ bool PgRestartServer()
         strDir.compare(strDir.size() - strRun.size(), strRun.size(), strRun) == 0)
         strDir.resize(strDir.size() - strRun.size());
     bool fOk;
-    Run(QUORDA_SOURCE_DIR "/scripts/pg-private restart " + ShellQuote(strDir) + " 2>&1", &fOk);
+    Run(QUORDA_SOURCE_DIR "/scripts/pg-private " + strCmd + " " + ShellQuote(strDir) + " 2>&1", &fOk);
     return fOk;
+}
+
+bool PgRestartServer()
+{
+    return PgPrivate("restart");
+}
+
+bool PgStopServer()
+{
+    return PgPrivate("stop");
+}
+
+bool PgStartServer()
+{
+    return PgPrivate("start");
 }
 
 ScopedPgDown::ScopedPgDown()

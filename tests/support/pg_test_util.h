@@ -23,6 +23,10 @@ bool PgResetTables();
 
 // scripts/pg-private restart: cuts every open connection. True on success.
 bool PgRestartServer();
+// scripts/pg-private stop / start: the server away and back, for tests of
+// a database that goes down while the daemon runs. True on success.
+bool PgStopServer();
+bool PgStartServer();
 
 // While it lives, PGHOST names an empty directory: no server can be
 // reached. The previous value comes back afterwards.
