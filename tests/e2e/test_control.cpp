@@ -365,4 +365,55 @@ TEST(ControlSocket, RecordOnDemandWaitsForStartAndKeepsThePartsByTheRules)
     EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
 }
 
+TEST(ControlSocket, TracingEndsTheCallsWritesTheTraceFilesAndStopsBackToNormal)
+{
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
+    ASSERT_TRUE(DaemonRunner::SeedDatabase());
+    DaemonRunner d;
+    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
+    ASSERT_TRUE(SimOk("audio 2 pattern 41"));
+    RingAndPickUp(2, "0508880000");
+    ASSERT_FALSE(ActiveCallId(3).empty());
+    SleepMs(1000);
+
+    EXPECT_EQ(Command("bittrace_stop"), "ERR: already stopped\n");
+    CtlResult r = Ctl("trace start 2");
+    EXPECT_EQ(r.iExit, 0);
+    EXPECT_EQ(r.strOut, "OK\n");
+    ASSERT_TRUE(d.WaitForLine("Starting bit stream tracing on channel 2", 5000));
+    EXPECT_EQ(Command("bittrace_start 3"), "ERR: already started\n");
+    // The call in progress was ended, and kept, before the trace began.
+    EXPECT_EQ(CountRows("ActiveCalls", "true"), 0);
+    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE linenr = 3", "1", 5000));
+
+    // Commands are still served, one act per step of the trace.
+    EXPECT_EQ(Command("chst 3"), "OK\n");
+    EXPECT_EQ(Command("sound nobody"), "E2: unknown call\n");
+    SleepMs(1000);
+    std::string strLog = DaemonRunner::Path("/recordings/log/");
+    EXPECT_GT(ReadFile(strLog + "trace.bit").size(), 320u);
+    EXPECT_EQ(access((strLog + "trace.wav").c_str(), F_OK), 0);
+
+    r = Ctl("trace stop");
+    EXPECT_EQ(r.iExit, 0);
+    ASSERT_TRUE(d.WaitForLine("Stopped bit stream tracing", 3000));
+    r = Ctl("trace stop");
+    EXPECT_EQ(r.iExit, 1);
+    EXPECT_EQ(r.strErr, "ERR: already stopped\n");
+    size_t iBits = ReadFile(strLog + "trace.bit").size();
+    // The logs are complete once the files are closed.
+    EXPECT_EQ(
+        ReadFile(strLog + "dch.log").compare(0, 50, "[Ch] Seconds  EventCo. SubReas. XtraInfo DataLen.\n"),
+        0);
+    EXPECT_EQ(ReadFile(strLog + "dmsg.log").compare(0, 13, "[Ch] Seconds\n"), 0);
+
+    // Events are handled again: the next call is tracked.
+    RingAndPickUp(2, "0508880001");
+    EXPECT_FALSE(ActiveCallId(3).empty());
+    EXPECT_EQ(ReadFile(strLog + "trace.bit").size(), iBits) << "the stream has stopped";
+    d.Signal(SIGTERM);
+    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
+}
+
 } // namespace
