@@ -243,10 +243,12 @@ TEST_F(ReactorTest, ReconfigChstAndTracingReplyAndTheirActsRun)
     EXPECT_EQ(Send("bittrace_start x12"), "OK\n");
     EXPECT_EQ(Send("chst -99999999999999999999"), "OK\n");
     EXPECT_EQ(rec.iBitStreamChNr, 0);
-    EXPECT_EQ(Send("bittrace_stop"), "OK\n");
     // The flag changes only when the act has run: until then a second
     // start is refused.
+    prLoop->fHold = true;
+    EXPECT_EQ(Send("bittrace_stop"), "OK\n");
     EXPECT_EQ(Send("bittrace_start 1"), "ERR: already started\n");
+    prLoop->fHold = false;
     EXPECT_EQ(Send("chst 1"), "OK\n");
     EXPECT_EQ(Send("bittrace_start 99999999999999999999"), "OK\n");
     EXPECT_EQ(Send("chst abc"), "OK\n");
