@@ -56,7 +56,6 @@ public:
     // Waits up to iMs for the exit; the raw wait status, or -1 on time-out.
     int WaitExit(int iMs);
     bool Running() const { return pid > 0; }
-    pid_t Pid() const { return pid; }
 
 private:
     void ReadOutput(int fd);
