@@ -67,7 +67,10 @@ CREATE TABLE Users (
     login text NOT NULL DEFAULT '',
     fullname text NOT NULL DEFAULT '',
     email text NOT NULL DEFAULT '',
-    language text NOT NULL DEFAULT ''
+    language text NOT NULL DEFAULT '',
+    -- store on demand for the user's calls: 1 on demand, 2 always kept,
+    -- anything else leaves the system-wide RecOnDemand
+    rod integer NOT NULL DEFAULT 0
 );
 
 CREATE TABLE UserPhones (

@@ -171,6 +171,14 @@ TEST(PostCallDtmf, EachActionOnSimulatedCallsDigitsAsRemoteNumberAndServiceFault
     EXPECT_TRUE(d.WaitForLine("[3] Store on demand: not keeping", 5000));
     EXPECT_FALSE(CallId("0301111114").empty());
     EXPECT_TRUE(CallId("0303333334").empty());
+    // A user of line 1 who wants every call kept overrides the system value.
+    ASSERT_TRUE(PgExec("UPDATE Users SET rod = 2 WHERE accid = 501"));
+    StartCall(0, "0301111116", 10);
+    SleepMs(2000);
+    ASSERT_TRUE(SimOk("state 0 idle"));
+    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls", "7", 10000));
+    EXPECT_FALSE(CallId("0301111116").empty());
+    EXPECT_FALSE(d.HasLine("DB error code")) << "the users' settings must be readable";
     ASSERT_TRUE(PgExec("DELETE FROM Configs WHERE param = 'RecOnDemand'"));
 
     // The service gone: the mail request is lost with an error, the call
@@ -180,7 +188,7 @@ TEST(PostCallDtmf, EachActionOnSimulatedCallsDigitsAsRemoteNumberAndServiceFault
     SimOk("dtmf 0 *1");
     SleepMs(2000);
     ASSERT_TRUE(SimOk("state 0 idle"));
-    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls", "7", 10000));
+    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls", "8", 10000));
     EXPECT_TRUE(WaitForErrorFile("Error connecting to socket"));
 
     StopDaemon(d);
