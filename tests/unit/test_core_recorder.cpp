@@ -375,6 +375,13 @@ TEST_F(RecorderTest, HealthChangeRewritesStatusAndAsksForACheckOnlyWhenWanted)
     prCh->eLineHealth = LINEHEALTH_OK;
     rec.NewLineHealth(0);
     EXPECT_FALSE(log.Contains("signal => sysinfo"));
+
+    // The loud-voice alarm reaches the administrator as a service message.
+    rec.NotifyAdmin(LOUD_TALKING, "20240131_084501_001_01");
+    EXPECT_TRUE(log.Contains("signal => email -loud 20240131_084501_001_01"));
+    log.Clear();
+    rec.NotifyAdmin(static_cast<ENotifyType>(2), "x");
+    EXPECT_FALSE(log.Contains("signal =>"));
 }
 
 TEST_F(RecorderTest, PriAvailabilityIsRecordedForTheFirstChannelOfAPriCardOnly)
