@@ -1054,6 +1054,12 @@ void BaseChannel::StopRecording(bool& fClearInfo)
     } else {
         // The active row stays for FinalizeRecording to remove.
         queueAction(new DeleteFileAct(strFullFilename));
+        // A dropped recording must not survive as its monitoring copy either
+        // (delete on demand, store on demand): the companions go with it.
+        if (prRecorder->fMonitoring) {
+            queueAction(new DeleteFileAct(strFullFilenameFinal + ".raw"));
+            queueAction(new DeleteFileAct(strFullFilenameFinal + ".info"));
+        }
     }
     if (fClearInfo) {
         ClearInfo();
