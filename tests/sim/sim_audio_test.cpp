@@ -34,13 +34,6 @@ struct RingReader {
     }
 };
 
-std::vector<unsigned char> Pattern(unsigned long long seed, size_t offset, size_t n)
-{
-    std::vector<unsigned char> v(n);
-    shsim_pattern_bytes(seed, offset, v.data(), n);
-    return v;
-}
-
 class SimAudioTest : public SimTest {
 protected:
     // Cards started, events on as the recorder asks for them, step mode.
@@ -48,18 +41,14 @@ protected:
     {
         SimTest::SetUp();
         StartWithEvents();
-        _EVENT_SET_INFO info{};
-        info.dwWorkMode = EVENT_POLLING;
-        info.dwOutCondition = 2048;
-        info.dwOutParamVal = 3;
-        ASSERT_EQ(SsmSetEvent(E_PROC_RecordMem, -1, 1, &info), 0);
+        ASSERT_EQ(EnableRecordMem(2048, 3), 0);
         shsim_set_step_mode(1);
     }
 
     // Waits like a run loop for ms of the virtual clock (200 ms per idle
     // wait) and takes what fell due, handing progress events of the
     // channel to the reader.
-    static void Run(int ms, RingReader* reader, int ch = kCh)
+    static void Run(int ms, RingReader* reader)
     {
         for (int idle = 0; idle < ms / 200 || shsim_pending_events() > 0;) {
             SSM_EVENT ev{};
@@ -67,28 +56,38 @@ protected:
                 ++idle;
                 continue;
             }
-            if (reader && ev.wEventCode == E_PROC_RecordMem && ev.nReference == ch)
+            if (reader && ev.wEventCode == E_PROC_RecordMem && ev.nReference == kCh)
                 reader->Take(ev.dwParam);
         }
     }
 
-    static shsim_audio_stats Stats(int ch = kCh)
+    // A recording of ms into the ring, read as the recorder reads it.
+    static RingReader Record(int iFormat, char* acRing, size_t uSize, int ms, bool fStop = true)
+    {
+        RingReader reader(acRing, uSize);
+        EXPECT_EQ(SsmRecToMem(kCh, iFormat, acRing, uSize, 0), 0);
+        Run(ms, &reader);
+        if (fStop) {
+            EXPECT_EQ(SsmStopRecToMem(kCh), 0);
+        }
+        return reader;
+    }
+
+    static shsim_audio_stats Stats()
     {
         shsim_audio_stats st{};
-        EXPECT_EQ(shsim_get_audio_stats(ch, &st), 0);
+        EXPECT_EQ(shsim_get_audio_stats(kCh, &st), 0);
         return st;
     }
 };
 
 } // namespace
 
-TEST_F(SimAudioTest, PatternReachesTheReaderExactlyAcrossWraps)
+TEST_F(SimAudioTest, PatternReachesTheReaderExactlyAcrossWrapsOfAnyRingSize)
 {
     ASSERT_EQ(Command("audio 60 pattern 42"), "OK audio 60 source pattern 42");
-    char acRing[4096];
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
-    RingReader reader{acRing, sizeof(acRing)};
-    Run(3000, &reader);
+    char acRing[5000];
+    RingReader reader = Record(REC_FORMAT_ALAW, acRing, 4096, 3000, false);
 
     // 3 s are 24000 bytes: progress every 2048 bytes, the offset back to 0
     // whenever the write reaches the end of the ring.
@@ -111,19 +110,11 @@ TEST_F(SimAudioTest, PatternReachesTheReaderExactlyAcrossWraps)
 
     // The stream runs on into the next recording of the line.
     ASSERT_EQ(SsmStopRecToMem(kCh), 0);
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
-    RingReader next{acRing, sizeof(acRing)};
-    Run(600, &next);
-    EXPECT_EQ(next.vData, Pattern(42, 24000, 4096));
-}
+    EXPECT_EQ(Record(REC_FORMAT_ALAW, acRing, 4096, 600).vData, Pattern(42, 24000, 4096));
 
-TEST_F(SimAudioTest, OffsetsFollowARingThatIsNoMultipleOfTheCadence)
-{
+    // A ring that is no multiple of the cadence.
     ASSERT_EQ(Command("audio 60 pattern 7").substr(0, 2), "OK");
-    char acRing[5000];
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ULAW, acRing, sizeof(acRing), 0), 0);
-    RingReader reader{acRing, sizeof(acRing)};
-    Run(2000, &reader);
+    reader = Record(REC_FORMAT_ULAW, acRing, 5000, 2000);
     EXPECT_EQ(reader.vOffsets, (std::vector<DWORD>{2048, 4096, 1144, 3192, 240, 2288, 4336}));
     EXPECT_EQ(reader.vData, Pattern(7, 0, 7 * 2048));
     EXPECT_EQ(Stats().overruns, 0u);
@@ -133,28 +124,18 @@ TEST_F(SimAudioTest, SourcesGiveSilenceByLawTonesAndLoopedFiles)
 {
     // No source set: a silent line, in the law of the recording.
     char acRing[4096] = {};
-    RingReader reader(acRing, sizeof(acRing));
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ULAW, acRing, sizeof(acRing), 0), 0);
-    Run(400, &reader);
-    ASSERT_EQ(reader.vData.size(), 2048u);
-    EXPECT_EQ(reader.vData, std::vector<unsigned char>(2048, 0xFF));
-    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
-    RingReader alaw(acRing, sizeof(acRing));
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
-    Run(400, &alaw);
-    EXPECT_EQ(alaw.vData, std::vector<unsigned char>(2048, 0xD5));
-    ASSERT_EQ(SsmStopRecToMem(kCh), 0);
+    EXPECT_EQ(Record(REC_FORMAT_ULAW, acRing, sizeof(acRing), 400).vData,
+              std::vector<unsigned char>(2048, 0xFF));
+    EXPECT_EQ(Record(REC_FORMAT_ALAW, acRing, sizeof(acRing), 400).vData,
+              std::vector<unsigned char>(2048, 0xD5));
 
     // A 1000 Hz tone at -6 dBFS over one second: 2000 sign changes, peaks
     // near half of full scale, in both laws.
     for (int iFormat : {REC_FORMAT_ALAW, REC_FORMAT_ULAW}) {
         ASSERT_EQ(Command("audio 60 tone 1000 -6"), "OK audio 60 source tone 1000 Hz -6.0 dBFS");
-        RingReader tone(acRing, sizeof(acRing));
-        ASSERT_EQ(SsmRecToMem(kCh, iFormat, acRing, sizeof(acRing), 0), 0);
-        Run(1200, &tone);
+        RingReader tone = Record(iFormat, acRing, sizeof(acRing), 1200);
         ASSERT_GE(tone.vData.size(), 8000u);
-        int iCrossings = 0, iPeak = 0;
-        int iLast = 0;
+        int iCrossings = 0, iPeak = 0, iLast = 0;
         for (size_t i = 0; i < 8000; ++i) {
             int v =
                 iFormat == REC_FORMAT_ULAW ? SimUlawToLinear(tone.vData[i]) : SimAlawToLinear(tone.vData[i]);
@@ -165,30 +146,25 @@ TEST_F(SimAudioTest, SourcesGiveSilenceByLawTonesAndLoopedFiles)
         }
         EXPECT_NEAR(iCrossings, 2000, 4) << iFormat;
         EXPECT_NEAR(iPeak, 16422, 600) << iFormat;
-        ASSERT_EQ(SsmStopRecToMem(kCh), 0);
     }
 
     // A file of raw bytes is written as it stands, over and over.
     WriteFile(SimDir() + "/five.raw", "\x01\x02\x03\x04\x05");
     ASSERT_EQ(Command("audio 60 file five.raw").substr(0, 2), "OK");
-    RingReader file(acRing, sizeof(acRing));
-    ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
-    Run(400, &file);
+    RingReader file = Record(REC_FORMAT_ALAW, acRing, sizeof(acRing), 400);
     ASSERT_EQ(file.vData.size(), 2048u);
     for (size_t i = 0; i < file.vData.size(); ++i)
         ASSERT_EQ(file.vData[i], i % 5 + 1) << i;
 
-    EXPECT_EQ(Command("audio 60 file missing.raw").substr(0, 3), "ERR");
     WriteFile(SimDir() + "/empty.raw", "");
-    EXPECT_EQ(Command("audio 60 file empty.raw").substr(0, 3), "ERR");
+    for (const char* acBad : {"audio 60 file missing.raw", "audio 60 file empty.raw", "audio 60 tone 440 3",
+                              "audio 60 pattern -1", "audio 60 noise"})
+        EXPECT_EQ(Command(acBad).substr(0, 3), "ERR") << acBad;
     EXPECT_EQ(Command("audio 60 tone 4000"), "ERR tone frequency must be a whole number of Hz in 1..3999");
-    EXPECT_EQ(Command("audio 60 tone 440 3").substr(0, 3), "ERR");
-    EXPECT_EQ(Command("audio 60 pattern -1").substr(0, 3), "ERR");
-    EXPECT_EQ(Command("audio 60 noise").substr(0, 3), "ERR");
     EXPECT_EQ(Command("audio 99 silence"), "ERR no channel 99");
 }
 
-TEST_F(SimAudioTest, StopEndsTheAudioAndDropsItsProgress)
+TEST_F(SimAudioTest, StopEndsTheAudioAndDropsOnlyItsOwnProgress)
 {
     ASSERT_EQ(Command("audio 60 pattern 3").substr(0, 2), "OK");
     char acRing[4096];
@@ -197,13 +173,16 @@ TEST_F(SimAudioTest, StopEndsTheAudioAndDropsItsProgress)
     SSM_EVENT ev{};
     ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
     EXPECT_EQ(ev.dwParam, 2048u);
+    ASSERT_EQ(shsim_inject_event(E_PROC_RecordMem, kCh + 1, 2048, 0, nullptr, 0), 0);
     ASSERT_EQ(shsim_inject_event(E_CHG_RcvDTMF, kCh, '1', 0, nullptr, 0), 0);
-    ASSERT_EQ(shsim_pending_events(), 2);
+    ASSERT_EQ(shsim_pending_events(), 3);
 
     ASSERT_EQ(SsmStopRecToMem(kCh), 0);
-    EXPECT_EQ(shsim_pending_events(), 1);
+    EXPECT_EQ(shsim_pending_events(), 2);
     memset(acRing, 'x', sizeof(acRing));
     shsim_advance_clock(2000);
+    ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
+    EXPECT_EQ(ev.nReference, kCh + 1); // another line's progress stays
     ASSERT_EQ(SsmWaitForEventA(200, &ev), 0);
     EXPECT_EQ(ev.wEventCode, E_CHG_RcvDTMF);
     EXPECT_EQ(SsmWaitForEventA(200, &ev), -1);

@@ -33,17 +33,12 @@ TEST_F(SimTest, NoEventsBeforeTheDaemonEnablesThem)
     EXPECT_EQ(SsmWaitForEventA(200, &ev), -1);
 
     // The second call of the daemon, for memory recording, doesn't enable all.
-    _EVENT_SET_INFO info{};
-    info.dwWorkMode = EVENT_POLLING;
-    info.dwOutCondition = 2048;
-    info.dwOutParamVal = 3;
-    ASSERT_EQ(SsmSetEvent(E_PROC_RecordMem, -1, 1, &info), 0);
+    ASSERT_EQ(EnableRecordMem(2048, 3), 0);
     EXPECT_EQ(shsim_inject_event(E_CHG_RcvDTMF, 3, '5', 0, nullptr, 0), -1);
     EXPECT_NE(Command("status").find("recordmem cadence 2048/3"), std::string::npos);
-    EXPECT_EQ(SsmSetEvent(0xFFFF, 84, 1, &info), -1);
-
-    info = _EVENT_SET_INFO{};
+    _EVENT_SET_INFO info{};
     info.dwWorkMode = EVENT_POLLING;
+    EXPECT_EQ(SsmSetEvent(0xFFFF, 84, 1, &info), -1);
     ASSERT_EQ(SsmSetEvent(0xFFFF, -1, 1, &info), 0);
     EXPECT_EQ(shsim_inject_event(E_CHG_RcvDTMF, 3, '5', 0, nullptr, 0), 0);
     std::string log = Command("log");
@@ -123,42 +118,22 @@ TEST_F(SimTest, WaitBlocksForItsTimeOutOnlyWhenNothingIsQueued)
     EXPECT_EQ(iResult, -1);
 }
 
-TEST_F(SimTest, StoppingMemoryRecordingDropsItsQueuedProgress)
-{
-    StartWithEvents();
-    shsim_set_step_mode(1);
-    char acBuf[4096];
-    ASSERT_EQ(SsmRecToMem(60, REC_FORMAT_ALAW, acBuf, sizeof(acBuf), 0), 0);
-    ASSERT_EQ(shsim_inject_event(E_PROC_RecordMem, 60, 2048, 0, nullptr, 0), 0);
-    ASSERT_EQ(shsim_inject_event(E_PROC_RecordMem, 61, 2048, 0, nullptr, 0), 0);
-    ASSERT_EQ(shsim_inject_event(E_CHG_RcvDTMF, 60, '1', 0, nullptr, 0), 0);
-    ASSERT_EQ(SsmStopRecToMem(60), 0);
-    SSM_EVENT ev{};
-    ASSERT_EQ(SsmWaitForEventA(0, &ev), 0);
-    EXPECT_EQ(ev.nReference, 61);
-    ASSERT_EQ(SsmWaitForEventA(0, &ev), 0);
-    EXPECT_EQ(ev.wEventCode, E_CHG_RcvDTMF);
-    EXPECT_EQ(SsmWaitForEventA(0, &ev), -1);
-}
-
 TEST_F(SimTest, ControlSocketRoundTrip)
 {
     // A stale socket file of an earlier run doesn't stop the start.
     WriteFile(SockPath(), "stale");
     StartWithEvents();
     shsim_set_step_mode(1);
-    std::string reply, err;
-    ASSERT_TRUE(SendControlLine(SockPath(), "ping", reply, err)) << err;
-    EXPECT_EQ(reply, "OK pong");
-    ASSERT_TRUE(SendControlLine(SockPath(), "state 60 3", reply, err));
-    EXPECT_EQ(reply, "OK channel 60 state 3");
-    ASSERT_TRUE(SendControlLine(SockPath(), "getstate 60", reply, err));
-    EXPECT_EQ(reply, "OK 3");
-    ASSERT_TRUE(SendControlLine(
-        SockPath(), "event E_RCV_DSTDChannel 61 param=0x1008 sub=1 text=Call  from 200", reply, err));
-    EXPECT_EQ(reply.substr(0, 2), "OK");
-    ASSERT_TRUE(SendControlLine(SockPath(), "event 65 61 hex=00ff41", reply, err));
-    EXPECT_EQ(reply.substr(0, 2), "OK");
+    auto send = [this](const std::string& line) {
+        std::string reply, err;
+        EXPECT_TRUE(SendControlLine(SockPath(), line, reply, err)) << line << ": " << err;
+        return reply;
+    };
+    EXPECT_EQ(send("ping"), "OK pong");
+    EXPECT_EQ(send("state 60 3"), "OK channel 60 state 3");
+    EXPECT_EQ(send("getstate 60"), "OK 3");
+    EXPECT_EQ(send("event E_RCV_DSTDChannel 61 param=0x1008 sub=1 text=Call  from 200").substr(0, 2), "OK");
+    EXPECT_EQ(send("event 65 61 hex=00ff41").substr(0, 2), "OK");
 
     char acBuf[1024];
     SSM_EVENT ev{};
@@ -176,17 +151,12 @@ TEST_F(SimTest, ControlSocketRoundTrip)
                                                                "A",
                                                                3));
 
-    ASSERT_TRUE(SendControlLine(SockPath(), "boards", reply, err));
     EXPECT_EQ(
-        reply,
+        send("boards"),
         "OK 2 boards: id 0 DTP-60 serial 5001 channels 0..59; id 1 ATP-24A serial 1234 channels 60..83");
-    ASSERT_TRUE(SendControlLine(SockPath(), "list", reply, err));
-    EXPECT_NE(reply.find("; 80=board 1 ch 20 type -1 state 0;"), std::string::npos) << reply;
+    EXPECT_NE(send("list").find("; 80=board 1 ch 20 type -1 state 0;"), std::string::npos);
 
-    struct Bad {
-        const char* line;
-        const char* reply;
-    } bad[] = {
+    const char* const bad[][2] = {
         {"bogus 1", "ERR unknown command 'bogus' (try help)"},
         {"state 84 2", "ERR no channel 84"},
         {"state 60", "ERR usage: state <ch> <state 0..65535>"},
@@ -199,10 +169,8 @@ TEST_F(SimTest, ControlSocketRoundTrip)
         {"event 24 1 param=12abc", "ERR bad value in 'param=12abc'"},
         {"   ", "ERR empty command"},
     };
-    for (const Bad& b : bad) {
-        ASSERT_TRUE(SendControlLine(SockPath(), b.line, reply, err)) << err;
-        EXPECT_EQ(reply, b.reply) << b.line;
-    }
+    for (const auto& b : bad)
+        EXPECT_EQ(send(b[0]), b[1]) << b[0];
     EXPECT_EQ(shsim_pending_events(), 0);
 
     // Several lines on one connection get one reply line each, in order.
@@ -223,6 +191,7 @@ TEST_F(SimTest, ControlSocketRoundTrip)
 
     SsmCloseCti();
     EXPECT_NE(access(SockPath().c_str(), F_OK), 0);
+    std::string reply, err;
     EXPECT_FALSE(SendControlLine(SockPath(), "ping", reply, err));
 }
 

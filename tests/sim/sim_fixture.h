@@ -13,7 +13,9 @@
 #include <cstdlib>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <iterator>
 #include <string>
+#include <vector>
 
 // PRI board (60 channels, network side), analog board of 24 channels of
 // which the driver opens 20, and a board of a model the daemon doesn't know.
@@ -64,6 +66,30 @@ protected:
     {
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         out << text;
+    }
+
+    static std::string ReadFile(const std::string& path)
+    {
+        std::ifstream in(path, std::ios::binary);
+        return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    }
+
+    // Bytes offset..offset+n-1 of the pattern source of this seed.
+    static std::vector<unsigned char> Pattern(unsigned long long seed, size_t offset, size_t n)
+    {
+        std::vector<unsigned char> v(n);
+        shsim_pattern_bytes(seed, offset, v.data(), n);
+        return v;
+    }
+
+    // Progress events of memory recording, as the daemon asks for them.
+    static int EnableRecordMem(DWORD dwCondition, DWORD dwParam)
+    {
+        _EVENT_SET_INFO info{};
+        info.dwWorkMode = EVENT_POLLING;
+        info.dwOutCondition = dwCondition;
+        info.dwOutParamVal = dwParam;
+        return SsmSetEvent(E_PROC_RecordMem, -1, 1, &info);
     }
 
     int Start() { return SsmStartCti(CfgPath().c_str(), (strRoot + "/var/quorda/data/ShIndex.ini").c_str()); }

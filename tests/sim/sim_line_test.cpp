@@ -49,24 +49,27 @@ protected:
 
 TEST_F(SimLineTest, LineCommandsQueueTheirEvents)
 {
-    EXPECT_EQ(Command("state 60 ringing"), "OK channel 60 state ringing");
-    EXPECT_EQ(Command("state 60 recording").substr(0, 2), "OK");
-    EXPECT_EQ(Command("state 60 frameerror").substr(0, 2), "OK");
-    EXPECT_EQ(Command("flash 60"), "OK hook flash");
-    EXPECT_EQ(Command("tone 60 busy"), "OK tone 2");
-    EXPECT_EQ(Command("tone 60 6"), "OK tone 6");
-    EXPECT_EQ(Command("bargein 60 on"), "OK voice on");
-    EXPECT_EQ(Command("bargein 60 off"), "OK voice off");
-    EXPECT_EQ(Command("nosound 60"), "OK no sound");
-    EXPECT_EQ(Drain(), (std::vector<Ev>{{E_CHG_ChState, 60, S_CALL_RINGING},
-                                        {E_CHG_ChState, 60, S_CALL_RECORDING},
-                                        {E_CHG_ChState, 60, S_CALL_FRAME_ERROR},
-                                        {E_CHG_FlashCount, 60, 1},
-                                        {E_CHG_ToneAnalyze, 60, TONE_BUSY},
-                                        {E_CHG_ToneAnalyze, 60, TONE_VOICE},
-                                        {E_SYS_BargeIn, 60, 1},
-                                        {E_SYS_BargeIn, 60, 0},
-                                        {E_SYS_NoSound, 60, 0}}));
+    const struct {
+        const char* cmd;
+        const char* reply;
+        Ev ev;
+    } cases[] = {
+        {"state 60 ringing", "OK channel 60 state ringing", {E_CHG_ChState, 60, S_CALL_RINGING}},
+        {"state 60 recording", "OK channel 60 state recording", {E_CHG_ChState, 60, S_CALL_RECORDING}},
+        {"state 60 frameerror", "OK channel 60 state frameerror", {E_CHG_ChState, 60, S_CALL_FRAME_ERROR}},
+        {"flash 60", "OK hook flash", {E_CHG_FlashCount, 60, 1}},
+        {"tone 60 busy", "OK tone 2", {E_CHG_ToneAnalyze, 60, TONE_BUSY}},
+        {"tone 60 6", "OK tone 6", {E_CHG_ToneAnalyze, 60, TONE_VOICE}},
+        {"bargein 60 on", "OK voice on", {E_SYS_BargeIn, 60, 1}},
+        {"bargein 60 off", "OK voice off", {E_SYS_BargeIn, 60, 0}},
+        {"nosound 60", "OK no sound", {E_SYS_NoSound, 60, 0}},
+    };
+    std::vector<Ev> vExpected;
+    for (const auto& c : cases) {
+        EXPECT_EQ(Command(c.cmd), c.reply);
+        vExpected.push_back(c.ev);
+    }
+    EXPECT_EQ(Drain(), vExpected);
     EXPECT_EQ(SsmGetChState(60), S_CALL_FRAME_ERROR);
 
     EXPECT_EQ(Command("state 60 asleep"), "ERR usage: state <ch> <state 0..65535>");
@@ -154,10 +157,7 @@ TEST_F(SimLineTest, CallerIdOfAnyLengthAndLatin1BytesWithItsEvent)
 TEST_F(SimLineTest, InRealTimeAWaitWakesForAudioAndTimedDigits)
 {
     shsim_set_step_mode(0);
-    _EVENT_SET_INFO info{};
-    info.dwWorkMode = EVENT_POLLING;
-    info.dwOutCondition = 800; // 100 ms of audio
-    ASSERT_EQ(SsmSetEvent(E_PROC_RecordMem, -1, 1, &info), 0);
+    ASSERT_EQ(EnableRecordMem(800, 0), 0); // 100 ms of audio
     char acRing[4096];
     ASSERT_EQ(SsmRecToMem(kCh, REC_FORMAT_ALAW, acRing, sizeof(acRing), 0), 0);
     auto t0 = std::chrono::steady_clock::now();

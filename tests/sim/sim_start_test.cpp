@@ -13,17 +13,17 @@ TEST_F(SimTest, StartBuildsChannelTableFromDaemonConfig)
     EXPECT_EQ(SsmGetMaxUsableBoard(), 2);
     EXPECT_EQ(SsmGetMaxCh(), 84);
 
+    // Channel -> board, board channel, type. The driver opens only 20 of
+    // the analog board's 24 channels.
+    const int table[][4] = {
+        {59, 0, 59, SSM_CH_ISDN_NTW}, {61, 1, 1, SSM_CH_ANALOG}, {79, 1, 19, SSM_CH_ANALOG}};
     int iBoard = 0, iBoardCh = 0;
-    ASSERT_EQ(SsmGetChHdInfo(59, &iBoard, &iBoardCh), 0);
-    EXPECT_EQ(iBoard, 0);
-    EXPECT_EQ(iBoardCh, 59);
-    EXPECT_EQ(SsmGetChType(59), SSM_CH_ISDN_NTW);
-    ASSERT_EQ(SsmGetChHdInfo(61, &iBoard, &iBoardCh), 0);
-    EXPECT_EQ(iBoard, 1);
-    EXPECT_EQ(iBoardCh, 1);
-    EXPECT_EQ(SsmGetChType(61), SSM_CH_ANALOG);
-    // The driver opens only 20 of the analog board's 24 channels.
-    EXPECT_EQ(SsmGetChType(79), SSM_CH_ANALOG);
+    for (const auto& t : table) {
+        ASSERT_EQ(SsmGetChHdInfo(t[0], &iBoard, &iBoardCh), 0);
+        EXPECT_EQ(iBoard, t[1]) << t[0];
+        EXPECT_EQ(iBoardCh, t[2]) << t[0];
+        EXPECT_EQ(SsmGetChType(t[0]), t[3]) << t[0];
+    }
     EXPECT_EQ(SsmGetChType(80), -1);
     EXPECT_EQ(SsmGetChType(83), -1);
 
@@ -80,21 +80,9 @@ TEST_F(SimTest, StartRefusesConfigurationsThatDontMatchTheHardware)
         EXPECT_EQ(SsmGetMaxCh(), -1);
     }
 
-    unlink(CfgPath().c_str());
-    EXPECT_NE(Start(), 0);
-    EXPECT_EQ(LastError(), "configuration file " + CfgPath() + " is missing");
-    EXPECT_NE(SsmStartCti(nullptr, nullptr), 0);
-
-    unlink((SimDir() + "/hardware.ini").c_str());
-    EXPECT_NE(Start(), 0);
-    EXPECT_NE(LastError().find("hardware.ini is missing"), std::string::npos);
-}
-
-TEST_F(SimTest, LastErrorFitsTheCallersBuffer)
-{
-    std::string serial(400, '7');
+    // The error text is cut to the caller's 300 bytes.
     std::string text = kDaemonShConfig;
-    text.replace(text.find("=1234"), 5, "=" + serial);
+    text.replace(text.find("=1234"), 5, "=" + std::string(400, '7'));
     WriteFile(CfgPath(), text);
     ASSERT_NE(Start(), 0);
     char ac[310];
@@ -103,6 +91,30 @@ TEST_F(SimTest, LastErrorFitsTheCallersBuffer)
     EXPECT_EQ(strlen(ac), 299u);
     EXPECT_EQ(ac[300], 'X');
     EXPECT_EQ(SsmGetLastErrMsg(nullptr), -1);
+
+    unlink(CfgPath().c_str());
+    EXPECT_NE(Start(), 0);
+    EXPECT_EQ(LastError(), "configuration file " + CfgPath() + " is missing");
+    EXPECT_NE(SsmStartCti(nullptr, nullptr), 0);
+    WriteFile(CfgPath(), kDaemonShConfig);
+
+    // A faulty hardware description, or none.
+    const char* bad[][2] = {
+        {"[board]\nmodel=ATP-24A\nserial=1\n", "needs model, serial and channels"},
+        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=0x\n", "channels=0x is not a number"},
+        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=24\npritype=9\n", "pritype=9"},
+        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=24\ncolour=red\n", "unknown key 'colour'"},
+        {"[boards]\n", "unknown section [boards]"},
+        {"[start]\nfail_seconds=soon\n", "fail_seconds=soon"},
+    };
+    for (auto& b : bad) {
+        WriteFile(SimDir() + "/hardware.ini", b[0]);
+        EXPECT_NE(Start(), 0);
+        EXPECT_NE(LastError().find(b[1]), std::string::npos) << LastError();
+    }
+    unlink((SimDir() + "/hardware.ini").c_str());
+    EXPECT_NE(Start(), 0);
+    EXPECT_NE(LastError().find("hardware.ini is missing"), std::string::npos);
 }
 
 TEST_F(SimTest, ScriptedStartFailures)
@@ -132,23 +144,6 @@ TEST_F(SimTest, ScriptedStartFailures)
     EXPECT_NE(Start(), 0);
     EXPECT_EQ(Start(), 0);
     EXPECT_EQ(Command("startfail sometimes").substr(0, 3), "ERR");
-}
-
-TEST_F(SimTest, FaultyHardwareDescriptionIsReported)
-{
-    const char* bad[][2] = {
-        {"[board]\nmodel=ATP-24A\nserial=1\n", "needs model, serial and channels"},
-        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=0x\n", "channels=0x is not a number"},
-        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=24\npritype=9\n", "pritype=9"},
-        {"[board]\nmodel=ATP-24A\nserial=1\nchannels=24\ncolour=red\n", "unknown key 'colour'"},
-        {"[boards]\n", "unknown section [boards]"},
-        {"[start]\nfail_seconds=soon\n", "fail_seconds=soon"},
-    };
-    for (auto& b : bad) {
-        WriteFile(SimDir() + "/hardware.ini", b[0]);
-        EXPECT_NE(Start(), 0);
-        EXPECT_NE(LastError().find(b[1]), std::string::npos) << LastError();
-    }
 }
 
 TEST_F(SimTest, PerChannelCallsCheckTheChannelAndKeepTheirTexts)

@@ -26,20 +26,6 @@ int RunShell(const std::string& cmd, std::string& out)
     return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
 }
 
-std::string ReadAll(const std::string& path)
-{
-    std::string text;
-    FILE* f = fopen(path.c_str(), "r");
-    if (!f)
-        return "(missing)";
-    char ac[512];
-    size_t n;
-    while ((n = fread(ac, 1, sizeof(ac), f)) > 0)
-        text.append(ac, n);
-    fclose(f);
-    return text;
-}
-
 } // namespace
 
 class SimToolTest : public SimTest {
@@ -68,8 +54,8 @@ TEST_F(SimToolTest, InitPreparesTheRoot)
         EXPECT_EQ(stat((strRoot + dir).c_str(), &st), 0) << dir;
     }
     EXPECT_EQ(access((strTools + "/config").c_str(), X_OK), 0);
-    EXPECT_EQ(ReadAll(SimDir() + "/hardware.ini"), kSampleHardware);
-    EXPECT_EQ(ReadAll(strRoot + "/etc/issue.net").compare(0, 6, "Debian"), 0);
+    EXPECT_EQ(ReadFile(SimDir() + "/hardware.ini"), kSampleHardware);
+    EXPECT_EQ(ReadFile(strRoot + "/etc/issue.net").compare(0, 6, "Debian"), 0);
 
     // A faulty hardware file is refused before anything is written.
     WriteFile(strRoot + "/bad.ini", "[board]\nmodel=ATP-24A\n");
@@ -83,28 +69,28 @@ TEST_F(SimToolTest, InitPreparesTheRoot)
 TEST_F(SimToolTest, ToolWritesTheVendorFormatFreshFromTheHardware)
 {
     ASSERT_EQ(RunTool(), 0);
-    EXPECT_EQ(ReadAll(strTools + "/ShConfig.ini"), "[SystemConfig]\n"
-                                                   "TotalBoards=3\n"
-                                                   "[AppChToBoardChTable]\n"
-                                                   "TotalAppCh=92\n"
-                                                   "AppCh[0]=0,0..59\n"
-                                                   "AppCh[60]=1,0..23\n"
-                                                   "AppCh[84]=2,0..7\n"
-                                                   "[BoardId=0]\n"
-                                                   "BoardSerialNumber=5001\n"
-                                                   "BoardModel=DTP-60\n"
-                                                   "[BoardId=1]\n"
-                                                   "BoardSerialNumber=1234\n"
-                                                   "BoardModel=ATP-24A\n"
-                                                   "[BoardId=2]\n"
-                                                   "BoardSerialNumber=999\n"
-                                                   "BoardModel=XYZ-8\n");
+    EXPECT_EQ(ReadFile(strTools + "/ShConfig.ini"), "[SystemConfig]\n"
+                                                    "TotalBoards=3\n"
+                                                    "[AppChToBoardChTable]\n"
+                                                    "TotalAppCh=92\n"
+                                                    "AppCh[0]=0,0..59\n"
+                                                    "AppCh[60]=1,0..23\n"
+                                                    "AppCh[84]=2,0..7\n"
+                                                    "[BoardId=0]\n"
+                                                    "BoardSerialNumber=5001\n"
+                                                    "BoardModel=DTP-60\n"
+                                                    "[BoardId=1]\n"
+                                                    "BoardSerialNumber=1234\n"
+                                                    "BoardModel=ATP-24A\n"
+                                                    "[BoardId=2]\n"
+                                                    "BoardSerialNumber=999\n"
+                                                    "BoardModel=XYZ-8\n");
 
     // A board added to the hardware shows at the next run.
     WriteFile(SimDir() + "/hardware.ini", std::string(kSampleHardware) + "[board]\nmodel=SHR-24\nserial=42\n"
                                                                          "channels=24\n");
     ASSERT_EQ(RunTool(), 0);
-    std::string text = ReadAll(strTools + "/ShConfig.ini");
+    std::string text = ReadFile(strTools + "/ShConfig.ini");
     EXPECT_NE(text.find("AppCh[92]=3,0..23\n"), std::string::npos) << text;
     EXPECT_NE(text.find("[BoardId=3]\nBoardSerialNumber=42\nBoardModel=SHR-24\n"), std::string::npos) << text;
 
@@ -117,24 +103,26 @@ TEST_F(SimToolTest, ToolWritesTheVendorFormatFreshFromTheHardware)
 
 TEST_F(SimToolTest, SendAndPlayTalkToTheRunningLibrary)
 {
-    std::string root = " --root " + strRoot;
-    EXPECT_EQ(RunShell(kShsim + root + " send ping", strOut), 2); // the driver isn't started yet
+    auto shsim = [this](const std::string& args) {
+        return RunShell(kShsim + " --root " + strRoot + " " + args, strOut);
+    };
+    EXPECT_EQ(shsim("send ping"), 2); // the driver isn't started yet
 
     StartWithEvents();
     shsim_set_step_mode(1);
-    EXPECT_EQ(RunShell(kShsim + root + " send ping", strOut), 0);
+    EXPECT_EQ(shsim("send ping"), 0);
     EXPECT_EQ(strOut, "OK pong\n");
-    EXPECT_EQ(RunShell(kShsim + root + " send state 61 2", strOut), 0);
+    EXPECT_EQ(shsim("send state 61 2"), 0);
     EXPECT_EQ(SsmGetChState(61), S_CALL_RINGING);
-    EXPECT_EQ(RunShell(kShsim + root + " send state 99 2", strOut), 1);
+    EXPECT_EQ(shsim("send state 99 2"), 1);
     EXPECT_EQ(strOut, "ERR no channel 99\n");
 
     WriteFile(strRoot + "/s.scn", "state 61 1\nwait 10\nevent 12 61 param=0x31\n");
-    EXPECT_EQ(RunShell(kShsim + root + " play " + strRoot + "/s.scn", strOut), 0);
+    EXPECT_EQ(shsim("play " + strRoot + "/s.scn"), 0);
     EXPECT_EQ(shsim_pending_events(), 3);
     EXPECT_EQ(SsmGetChState(61), S_CALL_PICKUPED);
     WriteFile(strRoot + "/s.scn", "state 61 0\nbogus\nstate 61 2\n");
-    EXPECT_EQ(RunShell(kShsim + root + " play " + strRoot + "/s.scn", strOut), 1);
+    EXPECT_EQ(shsim("play " + strRoot + "/s.scn"), 1);
     EXPECT_EQ(SsmGetChState(61), S_CALL_STANDBY);
 
     // SHSIM_ROOT names the root when --root doesn't.

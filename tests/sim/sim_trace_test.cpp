@@ -105,7 +105,6 @@ protected:
 
 TEST_F(SimTraceTest, BitFlowCallsBackWithThePatternOnALibraryThreadUntilStopped)
 {
-    int iThreadsBefore = ThreadCount();
     ASSERT_EQ(Start(), 0) << LastError();
     EXPECT_EQ(SsmStartRecBitFlow(5000, RawCallback), -1); // no such channel: no stream
     ASSERT_EQ(SsmStartRecBitFlow(kCh, RawCallback), 0);
@@ -119,11 +118,7 @@ TEST_F(SimTraceTest, BitFlowCallsBackWithThePatternOnALibraryThreadUntilStopped)
     EXPECT_EQ(rCollected.vBytes.size(), rCollected.vChannels.size() * 320);
     for (int nCh : rCollected.vChannels)
         EXPECT_EQ(nCh, kCh);
-    std::vector<unsigned char> vPattern(rCollected.vBytes.size());
-    shsim_pattern_bytes(1000 + kCh, 0, vPattern.data(), vPattern.size());
-    EXPECT_EQ(rCollected.vBytes, vPattern);
-    SsmCloseCti();
-    EXPECT_EQ(ThreadCount(), iThreadsBefore);
+    EXPECT_EQ(rCollected.vBytes, Pattern(1000 + kCh, 0, rCollected.vBytes.size()));
 }
 
 TEST_F(SimTraceTest, SignallingTraceCyclesThroughBothKindsAndDeliversInjectedRecords)
@@ -185,8 +180,7 @@ TEST_F(SimTraceTest, RecToFileWritesAWaveOfTheLineAudioUntilStopped)
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     ASSERT_EQ(SsmStopRecToFile(kCh), 0);
 
-    std::ifstream f(strPath, std::ios::binary);
-    std::string strWave((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    std::string strWave = ReadFile(strPath);
     ASSERT_GT(strWave.size(), 44u + 320u);
     uint32_t uData = 0;
     memcpy(&uData, strWave.data() + 40, 4);
@@ -194,9 +188,7 @@ TEST_F(SimTraceTest, RecToFileWritesAWaveOfTheLineAudioUntilStopped)
     EXPECT_EQ(strWave.substr(8, 8), "WAVEfmt ");
     EXPECT_EQ(strWave[20], 6); // A-law
     EXPECT_EQ(uData, strWave.size() - 44);
-    std::vector<unsigned char> vPattern(uData);
-    shsim_pattern_bytes(5, 0, vPattern.data(), uData);
-    EXPECT_EQ(0, memcmp(strWave.data() + 44, vPattern.data(), uData));
+    EXPECT_EQ(0, memcmp(strWave.data() + 44, Pattern(5, 0, uData).data(), uData));
 }
 
 TEST_F(SimTraceTest, CloseStopsEveryStream)
