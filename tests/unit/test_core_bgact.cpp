@@ -1,7 +1,7 @@
-// The action engine: inline running without a handler, two workers sharing
-// one FIFO, the ready() promise that nothing is in transit, close with
-// actions waiting, and the hand-over to the main queue with and without a
-// boot.
+// The action engine: two workers sharing one FIFO, the ready() promise
+// that nothing is in transit, close with actions waiting, inline running
+// without a handler, and the hand-over to the main queue with and without
+// a boot.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -68,18 +68,6 @@ template <class Pred> bool WaitFor(Pred pred, int iMs = 3000)
     return true;
 }
 
-TEST(BgAct, WithoutHandlerAnActionRunsInlineAndIsDestroyedWithoutCompleted)
-{
-    Journal j;
-    EXPECT_TRUE(isBgQueueReady());
-    queueAction(new GateAct(j));
-    EXPECT_EQ(j.iThreadRuns, 1);
-    EXPECT_EQ(j.iMainRuns, 1);
-    EXPECT_EQ(j.iCompleted, 0);
-    EXPECT_EQ(j.iDestroyed, 1);
-    queueAction(nullptr); // ignored
-}
-
 TEST(BgAct, TwoWorkersTakeTheFifoAndReadyMeansNothingIsInTransit)
 {
     Journal j;
@@ -113,9 +101,10 @@ TEST(BgAct, TwoWorkersTakeTheFifoAndReadyMeansNothingIsInTransit)
     EXPECT_TRUE(isBgQueueReady());
 }
 
-TEST(BgAct, CloseWaitsForRunningActionsAndDropsWaitingOnes)
+TEST(BgAct, CloseWaitsForRunningActionsDropsWaitingOnesAndThenActionsRunInline)
 {
     Journal j;
+    EXPECT_TRUE(isBgQueueReady());
     init_bgact();
     GateAct* a = new GateAct(j, false);
     GateAct* b = new GateAct(j, false);
@@ -138,9 +127,14 @@ TEST(BgAct, CloseWaitsForRunningActionsAndDropsWaitingOnes)
     EXPECT_EQ(j.iThreadRuns, 2); // the two waiting ones never ran
     EXPECT_EQ(j.iDestroyed, 4);
 
-    // After close an action runs inline again instead of using a dead handler.
+    // Without a handler (after close, as before init) an action runs inline
+    // instead of using a dead handler, and is destroyed without completed().
     queueAction(new GateAct(j));
+    queueAction(nullptr); // ignored
+    EXPECT_EQ(j.iThreadRuns, 3);
     EXPECT_EQ(j.iMainRuns, 1);
+    EXPECT_EQ(j.iCompleted, 0);
+    EXPECT_EQ(j.iDestroyed, 5);
 }
 
 TEST(BgAct, ActionsReachTheBootsQueueAndRunOnlyWhenTaken)

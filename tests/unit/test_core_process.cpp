@@ -9,7 +9,6 @@
 #include <fcntl.h>
 #include <fstream>
 #include <functional>
-#include <mutex>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +16,7 @@
 
 #include "fake_clock.h"
 #include "fake_database.h"
+#include "filedir.h"
 #include "logging.h"
 #include "paths.h"
 #include "quorda_crec.h"
@@ -43,21 +43,23 @@ int CountLines(const std::string& strText)
     return n;
 }
 
-// Runs body in a child with its output silenced; its exit status, or -1
-// when it died otherwise.
-int RunInChild(const std::function<int()>& body)
+// The number of the first check that failed, or 0: a child's exit status.
+int FirstFailure(std::initializer_list<bool> afChecks)
 {
-    fflush(stdout);
-    pid_t pid = fork();
-    if (pid == 0) {
-        int fd = open("/dev/null", O_WRONLY);
-        dup2(fd, STDOUT_FILENO);
-        SetLogHook(&Hook);
-        _exit(body());
+    int i = 1;
+    for (bool f : afChecks) {
+        if (!f)
+            return i;
+        ++i;
     }
-    int iStatus = 0;
-    waitpid(pid, &iStatus, 0);
-    return WIFEXITED(iStatus) ? WEXITSTATUS(iStatus) : -1;
+    return 0;
+}
+
+IDatabase* MakeEnabledDb()
+{
+    FakeDatabase* prDb = new FakeDatabase();
+    prDb->Set("s", "crec", "1");
+    return prDb;
 }
 
 class ProcessTest : public ::testing::Test {
@@ -79,120 +81,94 @@ protected:
         ASSERT_EQ(system(strCmd.c_str()), 0);
         unlink(strHw.c_str());
     }
+    // Runs body in a child with its output silenced, the root and a fake
+    // clock set (and, with fSim, the simulator in step mode and a boot
+    // database with the recorder enabled); expects exit status 0.
+    void ExpectChild(bool fSim, const std::function<int(FakeClock&)>& body)
+    {
+        fflush(stdout);
+        pid_t pid = fork();
+        if (pid == 0) {
+            int fd = open("/dev/null", O_WRONLY);
+            dup2(fd, STDOUT_FILENO);
+            SetLogHook(&Hook);
+            FakeClock clock;
+            SetClock(&clock);
+            SetSysRoot(strRoot);
+            if (fSim) {
+                shsim_set_root(strRoot.c_str());
+                shsim_set_step_mode(1);
+                SetBootDatabaseFactory(&MakeEnabledDb);
+            }
+            _exit(body(clock));
+        }
+        int iStatus = 0;
+        waitpid(pid, &iStatus, 0);
+        EXPECT_TRUE(WIFEXITED(iStatus));
+        EXPECT_EQ(WEXITSTATUS(iStatus), 0) << "the number of the failed check";
+    }
+    void Dirs(std::initializer_list<const char*> apcDirs)
+    {
+        for (const char* pc : apcDirs)
+            EnsurePath(strRoot + pc);
+    }
     std::string strRoot;
 };
 
-IDatabase* MakeEnabledDb()
-{
-    FakeDatabase* prDb = new FakeDatabase();
-    prDb->Set("s", "crec", "1");
-    return prDb;
-}
-
-// Points the daemon and the simulator at root, with a fake clock.
-void EnterRoot(const std::string& strRoot, FakeClock& clock)
-{
-    SetSysRoot(strRoot);
-    shsim_set_root(strRoot.c_str());
-    shsim_set_step_mode(1);
-    SetClock(&clock);
-    SetBootDatabaseFactory(&MakeEnabledDb);
-}
-
 TEST_F(ProcessTest, UnreachableDatabaseEndsTheStartWithStatusOneAndItsMarker)
 {
-    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " +
-                      strRoot + "/nodb")
-                         .c_str()),
-              0);
-    std::string strRootCopy = strRoot;
-    int iResult = RunInChild([strRootCopy] {
-        FakeClock clock;
-        SetClock(&clock);
-        SetSysRoot(strRootCopy);
-        setenv("PGHOST", (strRootCopy + "/nodb").c_str(), 1);
-        char acName[] = "quorda_crec";
-        char acDebug[] = "debug";
+    Dirs({"/usr/local/lib/shcti", "/var/quorda/data", "/nodb"});
+    ExpectChild(false, [&](FakeClock& clock) {
+        setenv("PGHOST", (strRoot + "/nodb").c_str(), 1);
+        char acName[] = "quorda_crec", acDebug[] = "debug";
         char* argv[] = {acName, acDebug, nullptr};
-        if (quorda_crec_main(2, argv) != 1)
-            return 10;
-        std::ifstream f(strRootCopy + "/var/quorda/data/err_crec.dat");
+        int iStatus = quorda_crec_main(2, argv);
+        std::ifstream f(strRoot + "/var/quorda/data/err_crec.dat");
         std::string strMarker((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-        if (strMarker != "No database connection")
-            return 11;
-        if (CountLines("Waiting to connect to database") != 59 ||
-            CountLines("Failed to connect to database") != 1)
-            return 12;
-        if (clock.iSleptUs != 59LL * 1000000)
-            return 13;
-        return 0;
+        return FirstFailure({iStatus == 1, strMarker == "No database connection",
+                             CountLines("Waiting to connect to database") == 59,
+                             CountLines("Failed to connect to database") == 1,
+                             clock.iSleptUs == 59LL * 1000000});
     });
-    EXPECT_EQ(iResult, 0);
 }
 
 TEST_F(ProcessTest, PassiveClusterNodeWaitsForPrimacyAndEnds)
 {
-    ASSERT_EQ(system(("mkdir -p " + strRoot + "/usr/local/lib/shcti " + strRoot + "/var/quorda/data " +
-                      strRoot + "/var/quorda/conf " + strRoot + "/var/run && touch " + strRoot +
-                      "/var/quorda/conf/opt_cluster")
-                         .c_str()),
-              0);
-    std::string strRootCopy = strRoot;
-    int iResult = RunInChild([strRootCopy] {
-        FakeClock clock;
-        SetClock(&clock);
-        SetSysRoot(strRootCopy);
-        std::string strActive = strRootCopy + "/var/quorda/data/node_active";
+    Dirs({"/usr/local/lib/shcti", "/var/quorda/data", "/var/quorda/conf", "/var/run"});
+    std::ofstream(strRoot + "/var/quorda/conf/opt_cluster");
+    ExpectChild(false, [&](FakeClock& clock) {
+        std::string strActive = strRoot + "/var/quorda/data/node_active";
         clock.onSleep = [&] {
             if (clock.iSleptUs >= 3000000)
                 std::ofstream(strActive.c_str());
         };
         char acName[] = "quorda_crec";
         char* argv[] = {acName, nullptr}; // would fork, but the gate comes first
-        if (quorda_crec_main(1, argv) != 0)
-            return 20;
-        if (CountLines("this node is passive") != 1 || CountLines("QUORDA-CREC exit") != 1)
-            return 21;
-        if (CountLines("QUORDA-CREC start") != 0 ||
-            access((strRootCopy + "/var/run/quorda_crec.pid").c_str(), F_OK) == 0)
-            return 22;
-        if (clock.iSleptUs != 3000000)
-            return 23; // 500 ms polls until the file is there
-        return 0;
+        int iStatus = quorda_crec_main(1, argv);
+        return FirstFailure({iStatus == 0, CountLines("this node is passive") == 1,
+                             CountLines("QUORDA-CREC exit") == 1, CountLines("QUORDA-CREC start") == 0,
+                             access((strRoot + "/var/run/quorda_crec.pid").c_str(), F_OK) != 0,
+                             clock.iSleptUs == 3000000}); // 500 ms polls until the file is there
     });
-    EXPECT_EQ(iResult, 0);
 }
 
 TEST_F(ProcessTest, NoCardsAreRetriedForSixHundredSecondsThenStatusTwo)
 {
     SimRoot("# no cards\n");
-    std::string strRootCopy = strRoot;
-    int iResult = RunInChild([strRootCopy] {
-        FakeClock clock;
-        EnterRoot(strRootCopy, clock);
-        if (RecorderMain() != 2)
-            return 30;
+    ExpectChild(true, [&](FakeClock& clock) {
+        int iStatus = RecorderMain();
         // An attempt every 20 s (10 s board wait, 10 s pause); the one that
         // finds the 600 s passed is the 31st, at 610 s.
-        if (CountLines("No cards found") != 31)
-            return 31;
-        if (CountLines("Old card count: ") != 1)
-            return 32;
-        if (clock.iSleptUs != 610LL * 1000000)
-            return 33;
-        return 0;
+        return FirstFailure({iStatus == 2, CountLines("No cards found") == 31,
+                             CountLines("Old card count: ") == 1, clock.iSleptUs == 610LL * 1000000});
     });
-    EXPECT_EQ(iResult, 0);
 }
 
 TEST_F(ProcessTest, CardsThatAppearLaterAreUsedWithoutARestart)
 {
     SimRoot("# no cards yet\n");
-    std::string strRootCopy = strRoot;
-    int iResult = RunInChild([strRootCopy] {
-        FakeClock clock;
-        EnterRoot(strRootCopy, clock);
-        std::string strHw = strRootCopy + "/usr/local/lib/shcti/sim/hardware.ini";
+    ExpectChild(true, [&](FakeClock& clock) {
+        std::string strHw = strRoot + "/usr/local/lib/shcti/sim/hardware.ini";
         bool fPlugged = false;
         clock.onSleep = [&] {
             if (!fPlugged && clock.iSleptUs > 35LL * 1000000) {
@@ -201,40 +177,26 @@ TEST_F(ProcessTest, CardsThatAppearLaterAreUsedWithoutARestart)
             }
         };
         g_acStopAt = "** STARTED **";
-        if (RecorderMain() != 0)
-            return 40;
-        if (CountLines("No cards found") != 2 || CountLines("Old card count: ") != 1)
-            return 41;
-        if (CountLines("Channel [24] {23} <") != 1 || CountLines("Board init. OK") != 1)
-            return 42;
-        // The boot is gone with the attempt: later acts are destroyed unrun.
-        if (CurrentBoot() != nullptr)
-            return 43;
-        return 0;
+        int iStatus = RecorderMain();
+        return FirstFailure({iStatus == 0, CountLines("No cards found") == 2,
+                             CountLines("Old card count: ") == 1, CountLines("Channel [24] {23} <") == 1,
+                             CountLines("Board init. OK") == 1,
+                             // The boot is gone with the attempt: later acts are destroyed unrun.
+                             CurrentBoot() == nullptr});
     });
-    EXPECT_EQ(iResult, 0);
 }
 
 TEST_F(ProcessTest, CardsThatNeverStartAreGivenUpAfterTwentySecondsWithStatusOne)
 {
     SimRoot("[board]\nmodel=ATP-24A\nserial=98\nchannels=24\n\n[start]\nfail_first=1000000\n");
-    std::string strRootCopy = strRoot;
-    int iResult = RunInChild([strRootCopy] {
-        FakeClock clock;
-        EnterRoot(strRootCopy, clock);
-        if (RecorderMain() != 1)
-            return 50;
-        if (CountLines("Error in SsmStartCti: ") != 1 || CountLines("** STARTED **") != 0)
-            return 51;
+    ExpectChild(true, [&](FakeClock& clock) {
+        int iStatus = RecorderMain();
         // 10 s board wait, then 500 ms steps until more than 20 s have passed.
         long long llStartUs = clock.iSleptUs - 10LL * 1000000;
-        if (llStartUs < 20LL * 1000000 || llStartUs > 22LL * 1000000)
-            return 52;
-        if (CountLines("Could not (yet) start: ") < 40)
-            return 53;
-        return 0;
+        return FirstFailure({iStatus == 1, CountLines("Error in SsmStartCti: ") == 1,
+                             CountLines("** STARTED **") == 0, llStartUs >= 20LL * 1000000,
+                             llStartUs <= 22LL * 1000000, CountLines("Could not (yet) start: ") >= 40});
     });
-    EXPECT_EQ(iResult, 0);
 }
 
 } // namespace

@@ -51,21 +51,15 @@ protected:
         strLog = strDir + "/tracker.log";
     }
     void TearDown() override { system(("rm -rf " + strDir).c_str()); }
-    // php running a stand-in script with the log and an optional number.
+    // php with these arguments; a script name is the stand-in of that name,
+    // which gets the log (and an optional number), else inline code.
     void Start(LineCom& lc, const std::string& strScript, const char* pcNumber = nullptr)
     {
-        strScriptPath = TrackerScript(strScript);
-        const char* apcArgs[] = {kPhp, strScriptPath.c_str(), strLog.c_str(), pcNumber, nullptr};
-        lc.Init(kPhp, apcArgs);
-        lc.SetReadTimeout(40);
-        lc.SetErrorRecheckInterval(1);
-    }
-    // php -r with inline code.
-    void StartCode(LineCom& lc, const std::string& strCode)
-    {
-        strScriptPath = strCode;
-        const char* apcArgs[] = {kPhp, "-r", strScriptPath.c_str(), nullptr};
-        lc.Init(kPhp, apcArgs);
+        bool fFile = strScript.size() > 4 && strScript.compare(strScript.size() - 4, 4, ".php") == 0;
+        strScriptPath = fFile ? TrackerScript(strScript) : strScript;
+        const char* apcFile[] = {kPhp, strScriptPath.c_str(), strLog.c_str(), pcNumber, nullptr};
+        const char* apcCode[] = {kPhp, "-r", strScriptPath.c_str(), nullptr};
+        lc.Init(kPhp, fFile ? apcFile : apcCode);
         lc.SetReadTimeout(40);
         lc.SetErrorRecheckInterval(1);
     }
@@ -194,24 +188,17 @@ TEST_F(LineComTest, ErrorAnswersAreRetriedUntilTheErrorTimeoutAndStopRefusesMore
 
 TEST_F(LineComTest, RepliesAreJoinedFromPiecesAndBoundedTo3000Bytes)
 {
-    {
+    const std::pair<const char*, std::string> aCases[] = {
+        {"while (fgets(STDIN) !== false) { echo 'ab'; flush(); usleep(200000); echo \"cd\\n\"; }", "abcd\n"},
+        {"while (fgets(STDIN) !== false) echo str_repeat('x', 2999), \"\\n\";", std::string(2999, 'x') + "\n"},
+        {"while (fgets(STDIN) !== false) echo str_repeat('x', 3000);", "<failed>"}};
+    for (const auto& c : aCases) {
         LineCom lc;
-        StartCode(lc,
-                  "while (fgets(STDIN) !== false) { echo 'ab'; flush(); usleep(200000); echo \"cd\\n\"; }");
-        EXPECT_EQ(Post(lc, 1), "abcd\n");
-    }
-    {
-        LineCom lc;
-        StartCode(lc, "while (fgets(STDIN) !== false) echo str_repeat('x', 2999), \"\\n\";");
-        EXPECT_EQ(Post(lc, 1), std::string(2999, 'x') + "\n");
-    }
-    {
-        LineCom lc;
-        StartCode(lc, "while (fgets(STDIN) !== false) echo str_repeat('x', 3000);");
+        Start(lc, c.first);
         lc.SetErrorTimeout(1);
-        EXPECT_EQ(Post(lc, 1), "<failed>");
-        EXPECT_TRUE(log.Contains("LineCom. Buffer overflow", 4));
+        EXPECT_EQ(Post(lc, 1), c.second) << c.first;
     }
+    EXPECT_TRUE(log.Contains("LineCom. Buffer overflow", 4));
 }
 
 // ---- faults of the child and its descriptors ----
@@ -221,9 +208,9 @@ TEST_F(LineComTest, ChildThatClosedItsStdinOrCannotRunFailsTheExchangeNotTheProc
     {
         // Without the SIGPIPE guard this write would end the test process.
         LineCom lc;
-        StartCode(lc, "fgets(STDIN); echo \"ready\\n\"; fclose(STDIN); sleep(30);");
+        Start(lc, "fgets(STDIN); echo \"ready\\n\"; fclose(STDIN); sleep(30);");
         lc.SetErrorTimeout(100);
-            EXPECT_EQ(Post(lc, 1), "ready\n");
+        EXPECT_EQ(Post(lc, 1), "ready\n");
         usleep(300000);
         EXPECT_EQ(Post(lc, 2), "ready\n"); // from a new child
         EXPECT_TRUE(log.Contains("LineCom. Write failure", 4));
@@ -234,7 +221,7 @@ TEST_F(LineComTest, ChildThatClosedItsStdinOrCannotRunFailsTheExchangeNotTheProc
         lc.Init("/nonexistent/php", apcArgs);
         lc.SetErrorRecheckInterval(1);
         lc.SetErrorTimeout(4);
-            EXPECT_EQ(Post(lc, 1), "<failed>");
+        EXPECT_EQ(Post(lc, 1), "<failed>");
         EXPECT_TRUE(log.Contains("LineCom. Error time-out reached", 4));
     }
 }
@@ -248,7 +235,7 @@ TEST_F(LineComTest, ChildGetsOnlyItsStandardDescriptorsAndOursAreCloseOnExec)
     std::set<int> sBefore = OpenDescriptors();
 
     LineCom lc;
-    StartCode(lc, "while (fgets(STDIN) !== false) "
+    Start(lc, "while (fgets(STDIN) !== false) "
                   "echo implode(',', array_diff(scandir('/proc/self/fd'), ['.', '..'])), \"\\n\";");
     std::string strFds = Post(lc, 1);
     // 0, 1, 2 and the directory scandir is reading.

@@ -8,7 +8,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -67,13 +66,19 @@ private:
     std::thread rThread;
 };
 
+sockaddr_un Address(const std::string& strPath)
+{
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    strncpy(addr.sun_path, strPath.c_str(), sizeof(addr.sun_path) - 1);
+    return addr;
+}
+
 // A connected client socket, or -1; replies are read with a time-out.
 int Connect(const std::string& strPath, int iTimeoutMs = 3000)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, strPath.c_str(), sizeof(addr.sun_path) - 1);
+    sockaddr_un addr = Address(strPath);
     timeval tv{iTimeoutMs / 1000, (iTimeoutMs % 1000) * 1000};
     setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof(tv));
     if (connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0) {
@@ -151,6 +156,13 @@ protected:
     }
 
     BaseChannel* Ch(int i) { return rec.vChannels[static_cast<size_t>(i)]; }
+    // Waits until the stand-in main loop has run exactly n acts.
+    bool WaitActs(int n)
+    {
+        for (int i = 0; i < 200 && prLoop->iActsRun < n; ++i)
+            usleep(5000);
+        return prLoop->iActsRun == n;
+    }
 
     TempRoot root;
     TRecorderBoot* prBoot = nullptr;
@@ -159,22 +171,19 @@ protected:
     std::string strSocket;
 };
 
-// ---- round trips -------------------------------------------------------------------
-
 TEST_F(ReactorTest, CallIdCommandsReplyWithTheChannelsAnswer)
 {
     StartReactor();
-    const char* aacWords[] = {"sound", "silence", "start", "stop", "delete"};
-    for (const char* acWord : aacWords)
+    for (const char* acWord : {"sound", "silence", "start", "stop", "delete"})
         EXPECT_EQ(Send(std::string(acWord) + " 20990101_000000_009_01"), "E2: unknown call\n") << acWord;
 
     // Every option off: the channel refuses, each with its own text.
     const std::string strId = " 20240131_084502_002_01";
-    EXPECT_EQ(Send("silence" + strId), "E3: option silence-on-demand is off\n");
-    EXPECT_EQ(Send("sound" + strId), "E3: option silence-on-demand is off\n");
-    EXPECT_EQ(Send("start" + strId), "E3: option RecOnDmd is off\n");
-    EXPECT_EQ(Send("stop" + strId), "E3: option RecOnDmd is off\n");
-    EXPECT_EQ(Send("delete" + strId), "E3: option DelOnDmd is off\n");
+    const std::pair<const char*, const char*> aRefusals[] = {
+        {"silence", "silence-on-demand"}, {"sound", "silence-on-demand"}, {"start", "RecOnDmd"},
+        {"stop", "RecOnDmd"},             {"delete", "DelOnDmd"}};
+    for (const auto& r : aRefusals)
+        EXPECT_EQ(Send(r.first + strId), std::string("E3: option ") + r.second + " is off\n");
 
     rec.fSilenceOnDemand = true;
     EXPECT_EQ(Send("silence" + strId), "OK\n");
@@ -255,8 +264,6 @@ TEST_F(ReactorTest, ReconfigChstAndTracingReplyAndTheirActsRun)
     EXPECT_EQ(rec.iBitStreamChNr, 2147483647);
 }
 
-// ---- message edges -------------------------------------------------------------------
-
 TEST_F(ReactorTest, MessageEdgesFollowTheWireFormat)
 {
     rec.fSilenceOnDemand = true;
@@ -264,30 +271,32 @@ TEST_F(ReactorTest, MessageEdgesFollowTheWireFormat)
     Ch(2)->strDbRemoteId = std::string(92, '7');
     StartReactor();
     LogCapture log;
-
-    EXPECT_EQ(Send("silence " + Ch(2)->strDbRemoteId + "EXTRA BYTES PAST THE LIMIT"), "OK\n");
+    const std::string strUnknown = "E0: Unknown commmand\n", strNoCall = "E2: unknown call\n";
+    const std::pair<std::string, std::string> aCases[] = {
+        {"silence " + Ch(2)->strDbRemoteId + "EXTRA BYTES PAST THE LIMIT", "OK\n"},
+        {"frobnicate 1", strUnknown},
+        {"Sound 20240131_084502_002_01", strUnknown}, // case matters
+        {"", strUnknown},
+        // A trailing newline or blank is part of the call id.
+        {"silence 20240131_084502_002_01\n", strNoCall},
+        {"silence 20240131_084502_002_01 ", strNoCall},
+        // The text ends at the first NUL byte.
+        {std::string("silence 20240131_084502_002_01\0garbage", 38), "OK\n"},
+        {std::string("\0silence 20240131_084502_002_01", 31), strUnknown},
+        {"silence \xff\xfe", strNoCall},
+        {"\xff", strUnknown},
+        // Only the first blank splits; the rest belongs to the parameter.
+        {"silence  20240131_084502_002_01", strNoCall}};
+    for (const auto& c : aCases)
+        EXPECT_EQ(Send(c.first), c.second) << c.first;
     EXPECT_TRUE(Ch(2)->fSilencing);
-    EXPECT_EQ(Send("frobnicate 1"), "E0: Unknown commmand\n");
-    EXPECT_EQ(Send("Sound 20240131_084502_002_01"), "E0: Unknown commmand\n") << "case matters";
-    EXPECT_EQ(Send(""), "E0: Unknown commmand\n");
     EXPECT_TRUE(log.Contains("Command: '' Param: ''", 5));
-    // A trailing newline is part of the call id.
-    EXPECT_EQ(Send("silence 20240131_084502_002_01\n"), "E2: unknown call\n");
-    EXPECT_EQ(Send("silence 20240131_084502_002_01 "), "E2: unknown call\n");
-    // The text ends at the first NUL byte.
-    EXPECT_EQ(Send(std::string("silence 20240131_084502_002_01\0garbage", 38)), "OK\n");
-    EXPECT_EQ(Send(std::string("\0silence 20240131_084502_002_01", 31)), "E0: Unknown commmand\n");
-    EXPECT_EQ(Send("silence \xff\xfe"), "E2: unknown call\n");
-    EXPECT_EQ(Send("\xff"), "E0: Unknown commmand\n");
-    // Only the first blank splits; the rest belongs to the parameter.
-    EXPECT_EQ(Send("silence  20240131_084502_002_01"), "E2: unknown call\n");
     EXPECT_TRUE(log.Contains("Command: 'silence' Param: ' 20240131_084502_002_01'", 5));
-    EXPECT_TRUE(log.Contains("reactor reply: E2: unknown call", 5));
 }
 
 // ---- faults -----------------------------------------------------------------------------
 
-TEST_F(ReactorTest, HeldUpMainThreadGivesTimeOutAndTheLateActStillRuns)
+TEST_F(ReactorTest, HeldUpMainThreadGivesTimeOutAndLateActsRunEvenAfterTheClose)
 {
     StartReactor();
     prLoop->fHold = true;
@@ -302,27 +311,14 @@ TEST_F(ReactorTest, HeldUpMainThreadGivesTimeOutAndTheLateActStillRuns)
     EXPECT_EQ(Send("reconfig"), "OK\n");
     EXPECT_EQ(Send("nothing"), "E0: Unknown commmand\n");
     EXPECT_EQ(prLoop->iActsRun, 0);
-    rec.iDelOnDmdType = 1;
-    prLoop->fHold = false;
-    for (int i = 0; i < 200 && prLoop->iActsRun < 4; ++i)
-        usleep(5000);
-    EXPECT_EQ(prLoop->iActsRun, 4);
-    EXPECT_TRUE(Ch(1)->fDontRecord) << "the late delete still ran";
-}
-
-TEST_F(ReactorTest, ActsThatRunAfterTheReactorClosedDoNoHarm)
-{
-    StartReactor();
-    prLoop->fHold = true;
-    EXPECT_EQ(Send("sound 20240131_084502_002_01"), "E4: time-out\n");
-    EXPECT_EQ(Send("chst 1"), "E4: time-out\n");
-    // The run loop's order: the reactor goes first, later acts find none.
+    // The run loop's order: the reactor goes first; later acts find none
+    // and must do no harm.
     close_reactor();
     EXPECT_EQ(g_prReactor.load(), nullptr);
+    rec.iDelOnDmdType = 1;
     prLoop->fHold = false;
-    for (int i = 0; i < 200 && prLoop->iActsRun < 2; ++i)
-        usleep(5000);
-    EXPECT_EQ(prLoop->iActsRun, 2);
+    EXPECT_TRUE(WaitActs(4));
+    EXPECT_TRUE(Ch(1)->fDontRecord) << "the late delete still ran";
 }
 
 TEST_F(ReactorTest, SilentClientIsWaitedForAndCloseIsStillPrompt)
@@ -343,10 +339,8 @@ TEST_F(ReactorTest, SilentClientIsWaitedForAndCloseIsStillPrompt)
     fdSilent = Connect(strSocket);
     ASSERT_NE(fdSilent, -1);
     usleep(50000);
-    delete prLoop;
-    prLoop = nullptr;
     auto t = SteadyClock::now();
-    close_reactor();
+    StopReactor();
     EXPECT_LT(MsSince(t), 200);
     EXPECT_EQ(ReadAll(fdSilent), "") << "closed without a reply";
     close(fdSilent);
@@ -370,9 +364,7 @@ TEST_F(ReactorTest, ManyClientsInARowAndOneThatVanishesBeforeTheReply)
     usleep(400000);
     prLoop->fHold = false;
     EXPECT_EQ(Send("chst 2"), "OK\n");
-    for (int i = 0; i < 200 && prLoop->iActsRun < 502; ++i)
-        usleep(5000);
-    EXPECT_EQ(prLoop->iActsRun, 502);
+    EXPECT_TRUE(WaitActs(502));
 }
 
 TEST_F(ReactorTest, StaleSocketFileIsReplacedAndTheSocketIsOpenToAll)
@@ -380,9 +372,7 @@ TEST_F(ReactorTest, StaleSocketFileIsReplacedAndTheSocketIsOpenToAll)
     EnsurePath(SysPath("/tmp"));
     // A socket left by a crash: bound, no longer listened on.
     int fdOld = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    strncpy(addr.sun_path, strSocket.c_str(), sizeof(addr.sun_path) - 1);
+    sockaddr_un addr = Address(strSocket);
     ASSERT_EQ(bind(fdOld, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)), 0);
     close(fdOld);
     ASSERT_EQ(Connect(strSocket), -1);
@@ -408,7 +398,6 @@ TEST_F(ReactorTest, PathThatDoesNotFitIsRefusedAndTheRecorderGoesOn)
     for (int i = 0; i < 200 && !log.Contains("reactor exit"); ++i)
         usleep(5000);
     EXPECT_TRUE(log.Contains("Socket communication error: path too long: " + strLong, 3));
-    EXPECT_TRUE(log.Contains("Socket communication error: Failure, could not start listening.", 3));
     // No socket was bound under a cut name either.
     struct stat st;
     EXPECT_NE(stat((strLong + "/tmp/quorda_crec").substr(0, 107).c_str(), &st), 0);

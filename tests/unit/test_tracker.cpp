@@ -114,19 +114,17 @@ TEST_F(TrackerTest, AKeptCallIsPostedOnlyWhenCallsNeedPostProcessing)
     InstallScript("tracker.php");
     FakeDatabase db;
     FakeRecorder rec;
-    for (bool fNeed : {false, true}) {
-        rec.fNeedCallPost = fNeed;
+    // Not wanted, wanted, and wanted with AddCall failing: the tracker
+    // still hears of that call. Without workers the post runs right here.
+    for (int i = 0; i < 3; ++i) {
+        rec.fNeedCallPost = i > 0;
+        db.fDown = i == 2;
         AudioConvAct act;
         act.prDB = &db;
         act.prRecorder = &rec;
         act.iActiveCallID = 4;
-        act.performMain(); // without workers the post runs right here
+        act.performMain();
     }
-    db.fDown = true; // AddCall fails: the tracker still hears of the call
-    AudioConvAct act;
-    act.prDB = &db;
-    act.prRecorder = &rec;
-    act.performMain();
     std::vector<std::string> v = TrackerTexts(strLog);
     ASSERT_EQ(v.size(), 2u);
     EXPECT_EQ(v[0], "type=crec&act=post&id=" + std::to_string(db.iNextCallID - 1));
