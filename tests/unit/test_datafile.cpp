@@ -29,7 +29,7 @@ TEST(DataFile, ExactTextOfSmallMap)
     EXPECT_EQ(DataQuote("\\\r\0"s), "\\\\\\r\\0");
 }
 
-TEST(DataFile, ReadingRulesForMalformedText)
+TEST(DataFile, ReadingRulesForMalformedTextAndEscapes)
 {
     // First colon without a blank behind it: line dropped, even with a later ": ".
     EXPECT_EQ(StringToArray("a:b\r\nk:x: y\r\nok: 1\r\n"), (StdStringMap{{"ok", "1"}}));
@@ -41,10 +41,8 @@ TEST(DataFile, ReadingRulesForMalformedText)
     EXPECT_EQ(StringToArray("a: 1\r\nb: \0 2\r\nc: 3\r\n"s), (StdStringMap{{"a", "1"}, {"b", ""}}));
     EXPECT_EQ(StringToArray(""), StdStringMap{});
     EXPECT_EQ(StringToArray("k:"), StdStringMap{});
-}
 
-TEST(DataFile, UnQuoteEdges)
-{
+    // A lone backslash at the end is dropped; unknown escapes are kept.
     EXPECT_EQ(DataUnQuote("\\"), "");
     EXPECT_EQ(DataUnQuote("ab\\"), "ab");
     EXPECT_EQ(DataUnQuote("\\q\\\\\\0x"), "\\q\\\0x"s);

@@ -28,30 +28,27 @@ std::string AllBytes()
 }
 } // namespace
 
-TEST(FString, Latin1AndUtf8RoundTripForEveryByte)
+TEST(FString, Latin1AndUtf8)
 {
     std::string strAll = AllBytes();
     std::string strUtf8 = Latin1ToUtf8(strAll);
     EXPECT_EQ(strUtf8.size(), 128u + 2 * 128u);
     EXPECT_EQ(Utf8ToLatin1(strUtf8), strAll);
-    EXPECT_EQ(GetUtf8Size(0xE2), 3);
-}
 
-TEST(FString, Utf8ToLatin1OutsideLatin1AndTruncated)
-{
-    // Three and four byte sequences and code points from 256 up become "?".
-    EXPECT_EQ(Utf8ToLatin1("a\xE2\x82\xAC"
-                           "b"),
-              "a?b");
-    EXPECT_EQ(Utf8ToLatin1("\xF0\x9F\x98\x80!"), "?!");
-    EXPECT_EQ(Utf8ToLatin1("\xC4\x80"), "?");
-    // A sequence lacking only its last byte passes: the NUL stands in for it.
-    EXPECT_EQ(Utf8ToLatin1("x\xC3"), "x\xC0");
-    EXPECT_EQ(Utf8ToLatin1("x\xE2\x82"), "x?");
-    // Lacking more than that, the whole text is unusable.
-    EXPECT_EQ(Utf8ToLatin1("abc\xF0"), "");
-    // Plain ASCII comes back untouched, NUL bytes included.
-    EXPECT_EQ(Utf8ToLatin1(std::string("a\0b", 3)), std::string("a\0b", 3));
+    const std::pair<std::string, std::string> aCases[] = {
+        // Three and four byte sequences and code points from 256 up become "?".
+        {"a\xE2\x82\xAC-", "a?-"},
+        {"\xF0\x9F\x98\x80!", "?!"},
+        {"\xC4\x80", "?"},
+        // A sequence lacking only its last byte passes: the NUL stands in for it.
+        {"x\xC3", "x\xC0"},
+        {"x\xE2\x82", "x?"},
+        // Lacking more than that, the whole text is unusable.
+        {"abc\xF0", ""},
+        // Plain ASCII comes back untouched, NUL bytes included.
+        {std::string("a\0b", 3), std::string("a\0b", 3)}};
+    for (const auto& c : aCases)
+        EXPECT_EQ(Utf8ToLatin1(c.first), c.second) << c.first;
 }
 
 TEST(FString, SplittingKeepsEmptyAndBlankElements)
@@ -73,45 +70,35 @@ TEST(FString, SplittingKeepsEmptyAndBlankElements)
     EXPECT_EQ(getElements("|b"), (L{"", "b"}));
 }
 
-TEST(FString, TrimLeavesAllBlankTextAlone)
+TEST(FString, TrimFileNamesNumbersPrefixesAndRepeats)
 {
     auto Trimmed = [](std::string s, void (*fn)(std::string&)) {
         fn(s);
         return s;
     };
+    // Trim leaves an all-blank text alone.
     EXPECT_EQ(Trimmed("   ", trim), "   ");
     EXPECT_EQ(Trimmed("", trim), "");
     EXPECT_EQ(Trimmed("\t\r\n a b \n", trim), "a b");
     EXPECT_EQ(Trimmed("  first second", trimWord), "first");
     EXPECT_EQ(Trimmed(" \t ", trimWord), "");
-}
 
-TEST(FString, MakeValidFileNameStrReplacesUnsafeBytes)
-{
     EXPECT_EQ(MakeValidFileNameStr("Ab-1.(x)"), "Ab-1.(x)");
     EXPECT_EQ(MakeValidFileNameStr("a b\"%&*/:<>?\\|z\xE9\x7F\t"), "a_b___________z___");
     EXPECT_EQ(MakeValidFileNameStr(AllBytes()).size(), 256u);
-}
 
-TEST(FString, NumbersReadLikeStrtolAndSaturate)
-{
-    EXPECT_EQ(StrToInt(""), 0);
-    EXPECT_EQ(StrToInt("abc"), 0);
-    EXPECT_EQ(StrToInt("  42x"), 42);
-    EXPECT_EQ(StrToInt("010"), 10);
-    EXPECT_EQ(StrToInt("3000000000"), INT_MAX);
-    EXPECT_EQ(StrToInt("-3000000000"), INT_MIN);
+    // Numbers read like strtol and saturate.
+    const std::pair<const char*, int> aNumbers[] = {
+        {"", 0}, {"abc", 0}, {"  42x", 42}, {"010", 10}, {"3000000000", INT_MAX}, {"-3000000000", INT_MIN}};
+    for (const auto& c : aNumbers)
+        EXPECT_EQ(StrToInt(c.first), c.second) << c.first;
     EXPECT_EQ(StrToLong("99999999999999999999999"), LONG_MAX);
-}
 
-TEST(FString, PrefixesAndRepeats)
-{
     EXPECT_TRUE(acBeginsWith("", ""));
     EXPECT_FALSE(acBeginsWith("", "a"));
     EXPECT_FALSE(acBeginsWith("ab", "abc"));
     EXPECT_FALSE(acBeginsWith(nullptr, "a"));
     EXPECT_FALSE(beginsWith("ab", "abc"));
-
     EXPECT_EQ(StrRepeat(1, "?", ","), "?");
     EXPECT_EQ(StrRepeat(3, "?", ","), "?,?,?");
     EXPECT_EQ(StrRepeat(-2, "?", ","), "");

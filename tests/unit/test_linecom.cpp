@@ -190,7 +190,8 @@ TEST_F(LineComTest, RepliesAreJoinedFromPiecesAndBoundedTo3000Bytes)
 {
     const std::pair<const char*, std::string> aCases[] = {
         {"while (fgets(STDIN) !== false) { echo 'ab'; flush(); usleep(200000); echo \"cd\\n\"; }", "abcd\n"},
-        {"while (fgets(STDIN) !== false) echo str_repeat('x', 2999), \"\\n\";", std::string(2999, 'x') + "\n"},
+        {"while (fgets(STDIN) !== false) echo str_repeat('x', 2999), \"\\n\";",
+         std::string(2999, 'x') + "\n"},
         {"while (fgets(STDIN) !== false) echo str_repeat('x', 3000);", "<failed>"}};
     for (const auto& c : aCases) {
         LineCom lc;
@@ -236,7 +237,7 @@ TEST_F(LineComTest, ChildGetsOnlyItsStandardDescriptorsAndOursAreCloseOnExec)
 
     LineCom lc;
     Start(lc, "while (fgets(STDIN) !== false) "
-                  "echo implode(',', array_diff(scandir('/proc/self/fd'), ['.', '..'])), \"\\n\";");
+              "echo implode(',', array_diff(scandir('/proc/self/fd'), ['.', '..'])), \"\\n\";");
     std::string strFds = Post(lc, 1);
     // 0, 1, 2 and the directory scandir is reading.
     EXPECT_EQ(strFds.compare(0, 6, "0,1,2,"), 0) << strFds;

@@ -179,9 +179,11 @@ TEST_F(ReactorTest, CallIdCommandsReplyWithTheChannelsAnswer)
 
     // Every option off: the channel refuses, each with its own text.
     const std::string strId = " 20240131_084502_002_01";
-    const std::pair<const char*, const char*> aRefusals[] = {
-        {"silence", "silence-on-demand"}, {"sound", "silence-on-demand"}, {"start", "RecOnDmd"},
-        {"stop", "RecOnDmd"},             {"delete", "DelOnDmd"}};
+    const std::pair<const char*, const char*> aRefusals[] = {{"silence", "silence-on-demand"},
+                                                             {"sound", "silence-on-demand"},
+                                                             {"start", "RecOnDmd"},
+                                                             {"stop", "RecOnDmd"},
+                                                             {"delete", "DelOnDmd"}};
     for (const auto& r : aRefusals)
         EXPECT_EQ(Send(r.first + strId), std::string("E3: option ") + r.second + " is off\n");
 
