@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sstream>
 #include <string>
 
 #include "fake_database.h"
@@ -17,7 +18,7 @@
 
 typedef std::map<std::string, std::map<std::string, std::string>> IniMap;
 
-// One board of the detection tool's file: its AppCh line and its section.
+// One board of the detection tool's file.
 struct ToolBoard {
     std::string strSerial;
     std::string strModel;
@@ -28,6 +29,22 @@ struct ToolBoard {
 const ToolBoard kPri{"1001", "DTP-120", 120};
 const ToolBoard kDst{"2002", "DST-32", 32};
 
+// The tool's ShConfig.ini for these boards, with the given line end.
+inline std::string ToolFile(const std::vector<ToolBoard>& vBoards, const std::string& strEol = "\n")
+{
+    std::string s = "[AppChToBoardChTable]" + strEol;
+    int iStart = 0;
+    for (size_t i = 0; i < vBoards.size(); i++) {
+        s += "AppCh[" + std::to_string(iStart) + "]=" + std::to_string(i) + ",0.." +
+             std::to_string(vBoards[i].iMaxCh - 1) + strEol;
+        iStart += vBoards[i].iMaxCh;
+    }
+    for (size_t i = 0; i < vBoards.size(); i++)
+        s += "[BoardId=" + std::to_string(i) + "]" + strEol + "BoardSerialNumber=" + vBoards[i].strSerial +
+             strEol + "BoardModel=" + vBoards[i].strModel + strEol;
+    return s;
+}
+
 class BootTest : public ::testing::Test {
 protected:
     BootTest() : prDb(new FakeDatabase), rBoot(prDb) {}
@@ -35,23 +52,6 @@ protected:
     {
         fAppTerminate = false;
         g_cfgPrefix.clear();
-    }
-
-    // The tool's ShConfig.ini for these boards, with the given line end.
-    static std::string ToolFile(const std::vector<ToolBoard>& vBoards, const std::string& strEol = "\n")
-    {
-        std::string s = "[AppChToBoardChTable]" + strEol;
-        int iStart = 0;
-        for (size_t i = 0; i < vBoards.size(); i++) {
-            s += "AppCh[" + std::to_string(iStart) + "]=" + std::to_string(i) + ",0.." +
-                 std::to_string(vBoards[i].iMaxCh - 1) + strEol;
-            iStart += vBoards[i].iMaxCh;
-        }
-        for (size_t i = 0; i < vBoards.size(); i++)
-            s += "[BoardId=" + std::to_string(i) + "]" + strEol +
-                 "BoardSerialNumber=" + vBoards[i].strSerial + strEol + "BoardModel=" + vBoards[i].strModel +
-                 strEol;
-        return s;
     }
 
     // Parses a tool file with these boards and builds the board list.
@@ -65,14 +65,9 @@ protected:
     static IniMap ReadIni(const std::string& strPath)
     {
         IniMap rIni;
-        std::string strText = TempRoot::Read(strPath), strSection;
-        size_t iPos = 0;
-        while (iPos < strText.size()) {
-            size_t iEnd = strText.find('\n', iPos);
-            if (iEnd == std::string::npos)
-                iEnd = strText.size();
-            std::string strLine = strText.substr(iPos, iEnd - iPos);
-            iPos = iEnd + 1;
+        std::istringstream in(TempRoot::Read(strPath));
+        std::string strLine, strSection;
+        while (std::getline(in, strLine)) {
             size_t iEq = strLine.find('=');
             if (!strLine.empty() && strLine[0] == '[')
                 strSection = strLine.substr(1, strLine.rfind(']') - 1);
@@ -80,6 +75,14 @@ protected:
                 rIni[strSection][strLine.substr(0, iEq)] = strLine.substr(iEq + 1);
         }
         return rIni;
+    }
+
+    int CountLines(const std::string& strText) const
+    {
+        int n = 0;
+        for (const LoggedLine& l : rLog.Lines())
+            n += l.strText.find(strText) != std::string::npos;
+        return n;
     }
 
     TempRoot rRoot;

@@ -28,15 +28,12 @@ TEST_F(SettingsTest, InitRefusesOnMarkerFileOrSwitchNotOne)
 {
     rRoot.Write("/var/quorda/conf/crec_disabled", "");
     EXPECT_FALSE(rBoot.Init());
-    EXPECT_TRUE(rLog.Contains("Card recording is disabled using file", 4));
     EXPECT_TRUE(rBoot.rConfigsSys.empty()); // nothing was loaded
 
     remove(SysPath("/var/quorda/conf/crec_disabled").c_str());
     for (const char* acValue : {"2", "", "on"}) {
         prDb->Set("s", "crec", acValue);
-        rLog.Clear();
         EXPECT_FALSE(rBoot.Init()) << acValue;
-        EXPECT_TRUE(rLog.Contains("Card recording is disabled in database", 4));
     }
     prDb->Set("s", "crec", "1");
     prDb->Set("o", "TdmLogApi", "1");
@@ -103,9 +100,8 @@ TEST_F(SettingsTest, LiveReadSeesTheDatabaseAndCachedReadTheStart)
 TEST_F(SettingsTest, BadBoardIndexGivesEmptyAndBuiltInValues)
 {
     for (int ix : {-1, 1, 99}) {
-        rLog.Clear();
+        SCOPED_TRACE(ix);
         EXPECT_EQ(rBoot.GetChannelParamStr(0, ix, "Trigger", CFG_CACHED_LOAD), "");
-        EXPECT_TRUE(rLog.Contains("Trigger", 4)) << ix;
         EXPECT_EQ(rBoot.GetChannelParamInt(0, ix, "Trigger", CFG_LIVE_LOAD), 1);
         EXPECT_EQ(rBoot.GetBoardParamStr(ix, "StartCndList"), "");
         EXPECT_EQ(rBoot.GetBoardParamInt(ix, "AudioSens"), 6);
