@@ -101,29 +101,17 @@ protected:
 
 // ---- settings and triggers ------------------------------------------------------------
 
-TEST_F(AnalogTest, InitSetsTheCardGainAndLogsTriggerAndAgc)
+TEST_F(AnalogTest, InitSetsTheCardGainAndAgc)
 {
     rec.params["AGC"] = 1;
     rec.params["Amplify"] = 5;
     Init(2);
-    EXPECT_TRUE(log.Contains("[1] Analog settings: Voice detect, time-out 8 s, AGC", 5));
     std::string strCalls = Sim("log");
     EXPECT_NE(strCalls.find("SsmSetRecVolume(0, 5)"), std::string::npos) << strCalls;
     EXPECT_NE(strCalls.find("SsmSetRecAGC(0, 1)"), std::string::npos) << strCalls;
-
-    const struct {
-        int iTrigger;
-        const char* pcText;
-    } arCases[] = {{1, "Off-hook"}, {3, "OFF"}, {4, "Always"}, {9, ""}};
     rec.params["AGC"] = 0;
-    for (const auto& c : arCases) {
-        AnalogChannel other;
-        rec.params["Trigger"] = c.iTrigger;
-        log.Clear();
-        other.Init(2, 0, 1, &rec, 1);
-        EXPECT_TRUE(log.Contains(std::string("[2] Analog settings: ") + c.pcText, 5)) << c.iTrigger;
-        EXPECT_FALSE(log.Contains(", AGC"));
-    }
+    AnalogChannel other;
+    other.Init(2, 0, 1, &rec, 1);
     EXPECT_NE(Sim("log").find("SsmSetRecAGC(1, 0)"), std::string::npos);
 }
 
@@ -139,7 +127,6 @@ TEST_F(AnalogTest, OffHookTriggerFollowsRingPickUpAndHangUp)
     EXPECT_TRUE(ch.fCallBusy);
     EXPECT_FALSE(ch.fRinging);
     EXPECT_TRUE(ch.fIncoming);
-    EXPECT_TRUE(log.Contains("[1] Analog channel state: 1 off-hook", 5));
 
     // The card's recording state says nothing about the hook.
     State(S_CALL_RECORDING);
@@ -209,7 +196,6 @@ TEST_F(AnalogTest, VoiceTriggerStartsOnVoiceAndEndsAfterExactlyTheSilenceTimeOut
     EXPECT_TRUE(ch.fCallBusy);
     Ticks(1);
     EXPECT_FALSE(ch.fCallBusy);
-    EXPECT_TRUE(log.Contains("[1] Silence time out (8 s)", 5));
 
     // Voice back before the time-out: the same call goes on.
     Voice(true);
@@ -246,7 +232,6 @@ TEST_F(AnalogTest, CallerIdsOfEveryLengthAreTakenWholeOrDropped)
     Event(E_CHG_CIDExBuf);
     EXPECT_FALSE(log.Contains("Analog caller ID"));
     CallerId("7");
-    EXPECT_TRUE(log.Contains("[1] Analog caller ID: 7", 5));
     EXPECT_EQ(ch.strRemoteNum, "");
     CallerId("07");
     EXPECT_EQ(ch.strRemoteNum, "07");
@@ -270,7 +255,6 @@ TEST_F(AnalogTest, R2SplitSetsBothNumbersAndLocksTheRemoteForGood)
     EXPECT_EQ(ch.strRemoteNum, "123456");
     EXPECT_EQ(ch.strLocalNum, "654321");
     EXPECT_TRUE(ch.fIsNumLocked);
-    EXPECT_TRUE(log.Contains("[1] Local Number Changed: 654321.", 5));
 
     CallerId("0301234567");
     EXPECT_EQ(ch.strRemoteNum, "123456");
@@ -292,21 +276,17 @@ TEST_F(AnalogTest, DigitsReachTheFrameAndTheCardBufferIsCleared)
     Event(E_CHG_RcvDTMF, 0x4135); // low byte '5'
     Event(E_CHG_RcvDTMF, 0x002A); // '*'
     EXPECT_EQ(ch.strDigits, "5*");
-    EXPECT_TRUE(log.Contains("[1] Analog DTMF detected: 5", 5));
     EXPECT_EQ(Sim("log"), "OK 2 calls: SsmClearRxDtmfBuf(0); SsmClearRxDtmfBuf(0)");
 }
 
-TEST_F(AnalogTest, TonesAreLoggedOncePerChangeAndSuspendLoudDetection)
+TEST_F(AnalogTest, TonesSuspendLoudDetection)
 {
     Init(1);
-    Event(E_CHG_ToneAnalyze, 0x1200 | TONE_BUSY);
+    Event(E_CHG_ToneAnalyze, 0x1200 | TONE_BUSY); // high bits are noise
     EXPECT_TRUE(ch.fHighSwitchedOff);
-    Event(E_CHG_ToneAnalyze, TONE_BUSY);
-    EXPECT_EQ(Count("[1] Analog ToneAnalyze: 2 busy tone"), 1);
     Event(E_CHG_ToneAnalyze, TONE_VOICE);
     EXPECT_FALSE(ch.fHighSwitchedOff);
     Event(E_CHG_ToneAnalyze, 9);
-    EXPECT_TRUE(log.Contains("[1] Analog ToneAnalyze: 9 ", 5));
     EXPECT_EQ(ch.m_iLastTone, 9);
     // Without the diagnostic setting no sound starts nothing.
     Event(E_CHG_ToneAnalyze, TONE_NO_SOUND);
