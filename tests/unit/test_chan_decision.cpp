@@ -32,11 +32,9 @@ TEST_F(ChanDecisionTest, ScheduleDaysAndSpans)
 {
     EXPECT_TRUE(ScheduledAt(3, 0)) << "no weekdays: no schedule";
 
-    LogCapture log;
     db.Set("o", "srWeekdays", "23456");
     SetNow(LocalTime(2024, 1, 28, 12, 0)); // a Sunday
     EXPECT_FALSE(ch.RecordingScheduled());
-    EXPECT_TRUE(log.Contains("[7] Recording not scheduled"));
     EXPECT_TRUE(ScheduledAt(3, 0)) << "a day allowed without times is allowed all day";
 
     Wednesday("08:00", "17:00");
@@ -91,19 +89,14 @@ TEST_F(ChanDecisionTest, MalformedScheduleValuesReadByStrtolRules)
 
 TEST_F(ChanDecisionTest, NumberFilterTypes)
 {
-    LogCapture log;
     ch.strRemoteNum = "0301234";
     rec.iNumberFilterType = 1; // only listed numbers, and the list is empty
-    EXPECT_FALSE(ch.MayStartRecording(false));
-    EXPECT_TRUE(log.Lines().empty()) << "fTell false logs nothing";
     EXPECT_FALSE(ch.MayStartRecording(true));
-    EXPECT_TRUE(log.Contains("[7] Not recording because not in number filter"));
     rec.astrNumberFilters = {"0301234"};
     EXPECT_TRUE(ch.MayStartRecording(true));
 
     rec.iNumberFilterType = 2; // listed numbers are never recorded
     EXPECT_FALSE(ch.MayStartRecording(true));
-    EXPECT_TRUE(log.Contains("[7] Not recording because in number filter"));
     ch.strRemoteNum.clear();
     EXPECT_TRUE(ch.MayStartRecording(true)) << "an empty number matches only an empty item";
     rec.astrNumberFilters.push_back("");
@@ -130,9 +123,7 @@ TEST_F(ChanDecisionTest, NumberFilterTypes)
 
 TEST_F(ChanDecisionTest, RecordingOnDemandWaitsWithARowAndStartsAndStopsOnCommand)
 {
-    LogCapture log;
-    EXPECT_FALSE(ch.RecOnDmdAct(true));
-    EXPECT_TRUE(log.Contains("[7] RecOnDmd not done, the option is off"));
+    EXPECT_FALSE(ch.RecOnDmdAct(true)) << "the option is off";
 
     rec.params["RecOnDmd"] = 1;
     ch.Init(7, 0, 1, &rec, 1);
@@ -168,14 +159,10 @@ TEST_F(ChanDecisionTest, RecordingOnDemandWaitsWithARowAndStartsAndStopsOnComman
 
 TEST_F(ChanDecisionTest, DeleteOnDemandByLineNumberDropsTheRestOfTheCall)
 {
-    LogCapture log;
-    EXPECT_FALSE(ch.DeleteAct());
-    EXPECT_TRUE(log.Contains("[7] delete on demand is switched off in options"));
-    rec.iDelOnDmdType = 2;
-    EXPECT_FALSE(ch.DeleteAct());
-    EXPECT_TRUE(log.Contains("[7] not in delete on demand list"));
-    rec.iDelOnDmdType = 7;
-    EXPECT_FALSE(ch.DeleteAct());
+    for (int iType : {0, 2, 7}) { // off, a list without this line, unknown
+        rec.iDelOnDmdType = iType;
+        EXPECT_FALSE(ch.DeleteAct()) << iType;
+    }
 
     rec.iDelOnDmdType = 3;
     rec.astrDelOnDmdList = {"#7"};

@@ -48,24 +48,20 @@ TEST_F(ChanFrameTest, RingSequencesAndTheDirectionOfACall)
     // Picked up while ringing: incoming, with the time it rang.
     Advance(3);
     cc.fInCall_ChState = true;
-    LogCapture log;
     cc.InCallMaybeChanged();
     EXPECT_TRUE(cc.fIncoming);
     EXPECT_EQ(cc.iWaitTime, 3);
-    EXPECT_TRUE(log.Contains("[7] Incoming call, ringing time: 3"));
-    log.Clear();
+    LogCapture log;
     cc.InCallMaybeChanged(); // unchanged: nothing happens
     EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(ChanFrameTest, AnsweredSoonAfterTheRingIsIncomingUnlessDigitsWereDialled)
 {
-    LogCapture log;
     Ring(2);
     Advance(5);
     SetInCall(true);
     EXPECT_TRUE(ch.fIncoming);
-    EXPECT_TRUE(log.Contains("[7] Incoming, last ring: 5 s. ago"));
     EXPECT_EQ(ch.iWaitTime, 7);
     SetInCall(false);
     EXPECT_EQ(ch.iWaitTime, -1) << "cleared with the call";
@@ -103,10 +99,8 @@ TEST_F(ChanFrameTest, RemoteNumberExpiresAfterElevenSecondsOutsideARing)
     ch.CheckRemoteExpired();
     EXPECT_EQ(ch.strRemoteNum, "0401");
     Advance(1);
-    LogCapture log;
     ch.CheckRemoteExpired();
     EXPECT_EQ(ch.strRemoteNum, "");
-    EXPECT_TRUE(log.Contains("[7] Remote expired, 11 seconds old"));
 
     // Never while the line rings, nor during a call.
     ch.strRemoteNum = "0402";
@@ -173,11 +167,8 @@ TEST_F(ChanFrameTest, DialledDigitsBecomeTheRemoteNumberAfterSixSeconds)
 TEST_F(ChanFrameTest, EachDtmfActionOnce)
 {
     rec.dtmfActs = {{"*1", "email"}};
-    LogCapture log;
     Digits("*1");
-    EXPECT_TRUE(log.Contains("[7] Action to perform: email"));
-    EXPECT_TRUE(log.Contains("[7] No active call for this channel"));
-    EXPECT_FALSE(ch.fToEmail);
+    EXPECT_FALSE(ch.fToEmail) << "no active call";
 
     rec.fSilenceOnDemand = true;
     rec.iDelOnDmdType = 1;
@@ -247,14 +238,12 @@ TEST_F(ChanFrameTest, LongRecordingsAreCutIntoParts)
     ch.Init(7, 0, 1, &rec, 1);
     SetInCall(true);
     std::string strFirst = ch.strDbRemoteId;
-    LogCapture log;
     Ticks(59);
     EXPECT_TRUE(db.vCalls.empty());
     Ticks(1);
     ASSERT_EQ(db.vCalls.size(), 1u);
     EXPECT_EQ(db.vCalls[0]["remoteid"], strFirst);
     EXPECT_EQ(db.vCalls[0]["duration"], "60");
-    EXPECT_TRUE(log.Contains("[7] 1 minutes of recording saved!"));
     EXPECT_TRUE(ch.fRecording);
     EXPECT_NE(ch.strDbRemoteId, strFirst);
 
@@ -269,9 +258,7 @@ TEST_F(ChanFrameTest, LongRecordingsAreCutIntoParts)
 
 TEST_F(ChanFrameTest, MaskingAndTheSameNumberTwice)
 {
-    rec.iMaskLastRemoteDigits = 4;
-    ch.strRemoteNum = "0201234567";
-    EXPECT_EQ(ch.GetDbRemoteNum(), "020123XXXX");
+    rec.iMaskLastRemoteDigits = 4; // a long number's masking: see the stop tests
     ch.strRemoteNum = "123";
     EXPECT_EQ(ch.GetDbRemoteNum(), "XXX");
     rec.iMaskLastRemoteDigits = 0;
