@@ -13,14 +13,6 @@
 #include "pg_test_util.h"
 
 namespace {
-std::string ShellQuote(const std::string& s)
-{
-    std::string strOut = "'";
-    for (char c : s)
-        strOut += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return strOut + "'";
-}
-
 std::string ShsimBinary()
 {
     return QUORDA_BINARY_DIR "/sim/shsim";
@@ -73,15 +65,8 @@ bool DaemonRunner::SeedDatabase(const std::string& strCrec)
 
 std::string DaemonRunner::SimCommand(const std::string& strCommand)
 {
-    std::string strCmd = ShsimBinary() + " --root " + ShellQuote(Root()) + " send " + strCommand + " 2>&1";
-    FILE* p = popen(strCmd.c_str(), "re");
-    if (!p)
-        return std::string();
-    char acBuf[512];
-    std::string strOut;
-    while (fgets(acBuf, sizeof(acBuf), p))
-        strOut += acBuf;
-    pclose(p);
+    std::string strOut =
+        RunCommand(ShsimBinary() + " --root " + ShellQuote(Root()) + " send " + strCommand + " 2>&1");
     while (!strOut.empty() && strOut.back() == '\n')
         strOut.pop_back();
     return strOut;

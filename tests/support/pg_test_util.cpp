@@ -5,8 +5,6 @@
 #include <cstdio>
 #include <cstdlib>
 
-namespace {
-
 std::string ShellQuote(const std::string& s)
 {
     std::string strResult = "'";
@@ -15,22 +13,26 @@ std::string ShellQuote(const std::string& s)
     return strResult + "'";
 }
 
-// Runs a command, returns its stdout; *pfOk tells whether it exited 0.
-std::string Run(const std::string& strCmd, bool* pfOk)
+std::string RunCommand(const std::string& strCmd, bool* pfOk)
 {
     std::string strOut;
     FILE* f = popen(strCmd.c_str(), "re");
     if (!f) {
-        *pfOk = false;
+        if (pfOk)
+            *pfOk = false;
         return strOut;
     }
     char acBuf[4096];
     size_t n;
     while ((n = fread(acBuf, 1, sizeof acBuf, f)) > 0)
         strOut.append(acBuf, n);
-    *pfOk = pclose(f) == 0;
+    bool fOk = pclose(f) == 0;
+    if (pfOk)
+        *pfOk = fOk;
     return strOut;
 }
+
+namespace {
 
 std::string PsqlCmd(const std::string& strSql)
 {
@@ -51,14 +53,14 @@ void PgUseTestServer()
 bool PgExec(const std::string& strSql)
 {
     bool fOk;
-    Run(PsqlCmd(strSql), &fOk);
+    RunCommand(PsqlCmd(strSql), &fOk);
     return fOk;
 }
 
 std::string PgQuery(const std::string& strSql)
 {
     bool fOk;
-    std::string strOut = Run(PsqlCmd(strSql), &fOk);
+    std::string strOut = RunCommand(PsqlCmd(strSql), &fOk);
     if (!fOk)
         return std::string();
     if (!strOut.empty() && strOut.back() == '\n')
@@ -84,7 +86,7 @@ static bool PgPrivate(const std::string& strCmd)
         strDir.compare(strDir.size() - strRun.size(), strRun.size(), strRun) == 0)
         strDir.resize(strDir.size() - strRun.size());
     bool fOk;
-    Run(QUORDA_SOURCE_DIR "/scripts/pg-private " + strCmd + " " + ShellQuote(strDir) + " 2>&1", &fOk);
+    RunCommand(QUORDA_SOURCE_DIR "/scripts/pg-private " + strCmd + " " + ShellQuote(strDir) + " 2>&1", &fOk);
     return fOk;
 }
 

@@ -10,6 +10,12 @@
 
 #include <string>
 
+// s in single quotes for /bin/sh.
+std::string ShellQuote(const std::string& s);
+// Runs a shell command; its standard output. *pfOk, when given, tells
+// whether it exited 0.
+std::string RunCommand(const std::string& strCmd, bool* pfOk = nullptr);
+
 // Sets PGHOST/PGPORT to the build tree's cluster unless already set.
 void PgUseTestServer();
 
