@@ -1,16 +1,16 @@
-// postcall_e2e.h - helpers of the end-to-end tests of what follows a call
-// (conversion, checksums, check and encryption stand-ins, secure delete,
-// DTMF actions, service messages): the daemon's environment for the tool
-// stand-ins, simulator commands, calls rows, recording files, and the
-// independent tools (soxi, the sum tools, openssl) that judge the result.
-#ifndef POSTCALL_E2E_H
-#define POSTCALL_E2E_H
+// e2e_util.h - helpers of the end-to-end tests: starting and stopping the
+// daemon on a fresh root, simulator commands, calls rows, recording files,
+// the daemon's environment for the tool stand-ins, and the independent
+// tools (soxi, the sum tools, openssl) that judge the result.
+#ifndef E2E_UTIL_H
+#define E2E_UTIL_H
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -23,7 +23,7 @@
 #include "pg_test_util.h"
 #include "shsim.h"
 
-namespace postcall {
+namespace e2e {
 
 const int kStartMs = 60000; // board wait, detection tool, driver start
 const size_t kWaveHeader = 56;
@@ -33,26 +33,10 @@ inline void SleepMs(int iMs)
     usleep(static_cast<useconds_t>(iMs) * 1000);
 }
 
-inline std::string ShellQuote(const std::string& s)
-{
-    std::string strOut = "'";
-    for (char c : s)
-        strOut += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return strOut + "'";
-}
-
 // Standard output of a shell command, without the last line end.
 inline std::string Output(const std::string& strCmd)
 {
-    std::string strOut;
-    FILE* p = popen(strCmd.c_str(), "re");
-    if (!p)
-        return strOut;
-    char acBuf[4096];
-    size_t n;
-    while ((n = fread(acBuf, 1, sizeof(acBuf), p)) > 0)
-        strOut.append(acBuf, n);
-    pclose(p);
+    std::string strOut = RunCommand(strCmd);
     if (!strOut.empty() && strOut.back() == '\n')
         strOut.pop_back();
     return strOut;
@@ -98,16 +82,22 @@ struct ConfigRow {
     std::string strParam, strValue;
 };
 
-// A fresh root with the board, the database seeded with the rows, the
-// daemon started and its cards running.
-inline bool StartDaemon(DaemonRunner& d, const std::string& strBoard, const std::vector<ConfigRow>& vRows)
+inline bool ExitedWith(int iStatus, int iCode)
+{
+    return iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == iCode;
+}
+
+// A fresh root with the board and the database seeded with the rows; the
+// daemon started and, unless fWaitStarted is false, its cards running.
+inline bool StartDaemon(DaemonRunner& d, const std::string& strBoard,
+                        const std::vector<ConfigRow>& vRows = {}, bool fWaitStarted = true)
 {
     if (!DaemonRunner::PrepareRoot(strBoard) || !DaemonRunner::SeedDatabase())
         return false;
     for (const ConfigRow& r : vRows)
         if (!Config(r.pcPart, r.strParam, r.strValue))
             return false;
-    return d.Start() && d.WaitForLine("** STARTED **", kStartMs);
+    return d.Start() && (!fWaitStarted || d.WaitForLine("** STARTED **", kStartMs));
 }
 
 // SIGTERM, and a clean exit within 10 s.
@@ -115,20 +105,29 @@ inline void StopDaemon(DaemonRunner& d)
 {
     d.Signal(SIGTERM);
     int iStatus = d.WaitExit(10000);
-    EXPECT_TRUE(iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0) << iStatus;
+    EXPECT_TRUE(ExitedWith(iStatus, 0)) << iStatus;
 }
 
-// Ring with a caller ID ("" for none), then pick up, on driver channel iCh
-// whose audio is set to a fresh pattern of seed iSeed.
-inline void StartCall(int iCh, const std::string& strCallerId, int iSeed)
+// Ring, the caller ID ("" for none) half way, pick-up after iRingMs on
+// driver channel iCh; the pick-up's wall time.
+inline time_t RingAndPickUp(int iCh, const std::string& strCallerId, int iRingMs)
 {
     std::string strCh = std::to_string(iCh);
-    SimOk("audio " + strCh + " pattern " + std::to_string(iSeed));
     SimOk("state " + strCh + " ringing");
+    SleepMs(iRingMs / 2);
     if (!strCallerId.empty())
         SimOk("cid " + strCh + " " + strCallerId);
-    SleepMs(300);
+    SleepMs(iRingMs / 2);
+    time_t tPickup = time(nullptr);
     SimOk("state " + strCh + " pickup");
+    return tPickup;
+}
+
+// The same, after setting the channel's audio to a fresh pattern of seed iSeed.
+inline void StartCall(int iCh, const std::string& strCallerId, int iSeed, int iRingMs = 300)
+{
+    SimOk("audio " + std::to_string(iCh) + " pattern " + std::to_string(iSeed));
+    RingAndPickUp(iCh, strCallerId, iRingMs);
 }
 
 // Path of the recording a row of ActiveCalls or Calls names, below root.
@@ -239,6 +238,6 @@ private:
     ScopedEnv rPath;
 };
 
-} // namespace postcall
+} // namespace e2e
 
 #endif

@@ -6,58 +6,28 @@
 // delivered (the pattern source makes those bytes reproducible). Each start
 // costs the driver's board wait, so every test checks several facts on one
 // start.
-#include <gtest/gtest.h>
+#include "e2e_util.h"
 
 #include <chrono>
-#include <csignal>
-#include <cstdint>
-#include <cstdlib>
-#include <ctime>
-#include <fstream>
 #include <glob.h>
-#include <iterator>
 #include <map>
 #include <sstream>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
-#include "daemon_runner.h"
-#include "pg_test_util.h"
-#include "shsim.h"
+using namespace e2e;
 
 namespace {
 
 const char* kAnalogBoard = "[board]\nmodel=ATP-24A\nserial=10203\nchannels=4\n";
-const int kStartMs = 60000; // board wait, detection tool, driver start
 const int kFormatALaw = 6;
 const int kFormatULaw = 7;
 
 typedef std::chrono::steady_clock Clock;
 typedef std::map<std::string, std::string> Row;
 
-void SleepMs(int iMs)
-{
-    usleep(static_cast<useconds_t>(iMs) * 1000);
-}
-
 double SecondsSince(Clock::time_point t)
 {
     return std::chrono::duration<double>(Clock::now() - t).count();
-}
-
-// Sleeps until iMs have passed since t.
-void SleepUntil(Clock::time_point t, int iMs)
-{
-    std::this_thread::sleep_until(t + std::chrono::milliseconds(iMs));
-}
-
-bool SimOk(const std::string& strCommand)
-{
-    std::string strReply = DaemonRunner::SimCommand(strCommand);
-    EXPECT_EQ(strReply.compare(0, 2, "OK"), 0) << strCommand << ": " << strReply;
-    return strReply.compare(0, 2, "OK") == 0;
 }
 
 uint32_t Le32(const std::string& s, size_t iAt)
@@ -78,8 +48,7 @@ uint32_t Le16(const std::string& s, size_t iAt)
 // fields against each other and against the file; the audio bytes.
 std::string ReadRecording(const std::string& strPath, uint32_t uFormat)
 {
-    std::ifstream f(strPath, std::ios::binary);
-    std::string s((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    std::string s = ReadFile(strPath);
     EXPECT_GE(s.size(), 56u) << strPath;
     if (s.size() < 56)
         return std::string();
@@ -109,8 +78,7 @@ void ExpectPatternRecording(const std::string& strPath, uint32_t uFormat, unsign
 {
     std::string strAudio = ReadRecording(strPath, uFormat);
     ASSERT_EQ(static_cast<long long>(strAudio.size()), iBytes) << strPath;
-    std::string strExpected(strAudio.size(), '\0');
-    shsim_pattern_bytes(iSeed, 0, reinterpret_cast<unsigned char*>(&strExpected[0]), strExpected.size());
+    std::string strExpected = Pattern(iSeed, strAudio.size());
     size_t iDiff = 0;
     while (iDiff < strAudio.size() && strAudio[iDiff] == strExpected[iDiff])
         ++iDiff;
@@ -206,48 +174,21 @@ void ExpectCompleteCall(const Row& row, int iLine, const std::string& strRemote,
     }
 }
 
-int CountRows(const std::string& strTable, const std::string& strWhere)
+TEST(AnalogCalls, OffHookCallsAreTrackedThenKeptWithEveryColumnAndEveryByteAlsoThroughADatabaseOutage)
 {
-    return std::stoi("0" + PgQuery("SELECT count(*) FROM " + strTable + " WHERE " + strWhere));
-}
-
-bool ExitedWith(int iStatus, int iCode)
-{
-    return iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == iCode;
-}
-
-// Ring, caller ID, pick-up: the caller ID comes well within the daemon's
-// 11 s limit for a caller ID at pick-up. Returns the pick-up's wall time.
-time_t RingAndPickUp(int iCh, const std::string& strCallerId, int iRingMs)
-{
-    std::string strCh = std::to_string(iCh);
-    SimOk("state " + strCh + " ringing");
-    SleepMs(iRingMs / 2);
-    SimOk("cid " + strCh + " " + strCallerId);
-    SleepMs(iRingMs / 2);
-    time_t tPickup = time(nullptr);
-    SimOk("state " + strCh + " pickup");
-    return tPickup;
-}
-
-TEST(AnalogCalls, OffHookCallIsTrackedWhileItLastsThenKeptWithEveryColumnAndEveryByte)
-{
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
-    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
+    ASSERT_TRUE(StartDaemon(d, kAnalogBoard));
     ASSERT_TRUE(SimOk("audio 0 pattern 7"));
 
     time_t tPickup = RingAndPickUp(0, "0301234567", 2000);
     auto tTalk = Clock::now();
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT remote, direction, linenr FROM ActiveCalls",
                                            "0301234567|0|1", 3000));
-    SleepUntil(tTalk, 5000);
+    std::this_thread::sleep_until(tTalk + std::chrono::milliseconds(5000));
     // Half way: still exactly one active row and nothing in Calls yet.
-    EXPECT_EQ(CountRows("ActiveCalls", "true"), 1);
-    EXPECT_EQ(CountRows("Calls", "true"), 0);
-    SleepUntil(tTalk, 10000);
+    EXPECT_EQ(Count("ActiveCalls", "true"), 1);
+    EXPECT_EQ(Count("Calls", "true"), 0);
+    std::this_thread::sleep_until(tTalk + std::chrono::milliseconds(10000));
     ASSERT_TRUE(SimOk("state 0 idle"));
 
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls", "1", 5000));
@@ -275,23 +216,63 @@ TEST(AnalogCalls, OffHookCallIsTrackedWhileItLastsThenKeptWithEveryColumnAndEver
               "chk: CRLF");
     ExpectPatternRecording(RecordingPath(row), kFormatALaw, 7, iReported);
 
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
+    // The database goes down during the next call: recording goes on and
+    // the daemon with it.
+    ASSERT_TRUE(SimOk("audio 0 pattern 21"));
+    RingAndPickUp(0, "0301111111", 600);
+    ASSERT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls", "1", 3000));
+    std::string strOutageFile = RowFile("ActiveCalls", "true");
+    ASSERT_TRUE(PgStopServer());
+    SleepMs(3000);
+    ASSERT_TRUE(SimOk("state 0 idle"));
+    EXPECT_TRUE(d.WaitForLine("[1] Recording stopped", 5000));
+    SleepMs(1000); // the background action meets the dead server
+    ASSERT_EQ(d.WaitExit(0), -1) << "the daemon died with the database";
+    long long iOutage = DaemonRunner::SimReportedBytes(0) - iReported;
+    EXPECT_GE(iOutage, 3 * 8000);
+
+    // Recording went on: one more file, holding every byte of the call.
+    glob_t rGlob;
+    ASSERT_EQ(glob(DaemonRunner::Path("/recordings/*/*/*/*/*.wav").c_str(), 0, nullptr, &rGlob), 0);
+    EXPECT_EQ(rGlob.gl_pathc, 2u);
+    globfree(&rGlob);
+    ExpectPatternRecording(strOutageFile, kFormatALaw, 21, iOutage);
+
+    // Server back: that call's final row was lost with it (the outage
+    // really hit), the next call gets both rows, complete.
+    ASSERT_TRUE(PgStartServer());
+    EXPECT_EQ(Count("Calls", "remote = '0301111111'"), 0);
+    ASSERT_TRUE(SimOk("audio 0 pattern 22"));
+    RingAndPickUp(0, "0302222222", 600);
+    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls WHERE remote = '0302222222'",
+                                           "1", 10000));
+    SleepMs(3000);
+    ASSERT_TRUE(SimOk("state 0 idle"));
+    EXPECT_TRUE(
+        DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE remote = '0302222222'", "1", 10000));
+    EXPECT_EQ(Count("ActiveCalls", "remote = '0302222222'"), 0);
+    row = LoadCall("remote = '0302222222'");
+    ExpectCompleteCall(row, 1, "0302222222", 554, "0");
+    ASSERT_FALSE(row.empty());
+    EXPECT_NE(RecordingPath(row), strOutageFile);
+    ExpectPatternRecording(RecordingPath(row), kFormatALaw, 22,
+                           DaemonRunner::SimReportedBytes(0) - iOutage - iReported);
+
+    StopDaemon(d);
     EXPECT_TRUE(d.HasLine("Longest event handling: "));
     EXPECT_LT(d.LineIndex("Longest event handling: "), d.LineIndex("QUORDA-CREC exit"));
 }
 
 TEST(AnalogCalls, VoiceAndAlwaysOnTriggersStartAndEndTheirCallsInULaw)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    ASSERT_TRUE(DaemonRunner::AddConfig("o", "RecEnc", "ulaw"));
     // Line 1 (driver channel 0) on voice with a 2 s silence time-out, line 2
     // always on, lines 3 and 4 off-hook.
-    ASSERT_TRUE(DaemonRunner::AddConfig("crec", "Syn10203_Trigger", "2,4,1,1"));
-    ASSERT_TRUE(DaemonRunner::AddConfig("crec", "Syn10203_SilenceTimeOut", "2,15,15,15"));
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(StartDaemon(d, kAnalogBoard,
+                            {{"o", "RecEnc", "ulaw"},
+                             {"crec", "Syn10203_Trigger", "2,4,1,1"},
+                             {"crec", "Syn10203_SilenceTimeOut", "2,15,15,15"}},
+                            false));
     // The sources are set before the channels exist, so that the always-on
     // recording begins with the first pattern byte.
     ASSERT_TRUE(DaemonRunner::WaitForSim(kStartMs));
@@ -307,7 +288,7 @@ TEST(AnalogCalls, VoiceAndAlwaysOnTriggersStartAndEndTheirCallsInULaw)
     ASSERT_TRUE(SimOk("state 0 pickup"));
     ASSERT_TRUE(d.WaitForLine("[1] Analog channel state: 1", 3000));
     SleepMs(1500);
-    EXPECT_EQ(CountRows("ActiveCalls", "linenr = 1"), 0);
+    EXPECT_EQ(Count("ActiveCalls", "linenr = 1"), 0);
     ASSERT_TRUE(SimOk("bargein 0 on"));
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls WHERE linenr = 1", "1", 3000));
     SleepMs(2000);
@@ -318,8 +299,8 @@ TEST(AnalogCalls, VoiceAndAlwaysOnTriggersStartAndEndTheirCallsInULaw)
     EXPECT_GT(dSilence, 1.0); // whole seconds of the wall clock
     EXPECT_LT(dSilence, 3.5);
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE linenr = 1", "1", 5000));
-    EXPECT_EQ(CountRows("ActiveCalls", "linenr = 1"), 0);
-    EXPECT_EQ(CountRows("ActiveCalls", "linenr = 2"), 1); // the always-on call goes on
+    EXPECT_EQ(Count("ActiveCalls", "linenr = 1"), 0);
+    EXPECT_EQ(Count("ActiveCalls", "linenr = 2"), 1); // the always-on call goes on
     Row rowVoice = LoadCall("linenr = 1");
     ExpectCompleteCall(rowVoice, 1, "", 555, "1"); // no ring: outgoing
     ASSERT_FALSE(rowVoice.empty());
@@ -327,9 +308,8 @@ TEST(AnalogCalls, VoiceAndAlwaysOnTriggersStartAndEndTheirCallsInULaw)
 
     // SIGTERM ends the always-on call and finishes it before the exit.
     double dAlwaysOn = SecondsSince(tStarted);
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
-    EXPECT_EQ(CountRows("ActiveCalls", "true"), 0);
+    StopDaemon(d);
+    EXPECT_EQ(Count("ActiveCalls", "true"), 0);
     Row rowAlways = LoadCall("linenr = 2");
     ExpectCompleteCall(rowAlways, 2, "", 555, "1");
     ASSERT_FALSE(rowAlways.empty());
@@ -342,57 +322,6 @@ TEST(AnalogCalls, VoiceAndAlwaysOnTriggersStartAndEndTheirCallsInULaw)
     // still be the pattern's first ones, in order.
     ExpectPatternRecording(RecordingPath(rowAlways), kFormatULaw, 12,
                            static_cast<long long>(strAudio.size()));
-}
-
-TEST(AnalogCalls, DatabaseDownDuringACallRecordingGoesOnAndTheNextCallIsComplete)
-{
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    DaemonRunner d;
-    ASSERT_TRUE(d.Start());
-    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
-
-    ASSERT_TRUE(SimOk("audio 0 pattern 21"));
-    RingAndPickUp(0, "0301111111", 600);
-    ASSERT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls", "1", 3000));
-    ASSERT_TRUE(PgStopServer());
-    SleepMs(3000);
-    ASSERT_TRUE(SimOk("state 0 idle"));
-    EXPECT_TRUE(d.WaitForLine("[1] Recording stopped", 5000));
-    SleepMs(1000); // the background action meets the dead server
-    ASSERT_EQ(d.WaitExit(0), -1) << "the daemon died with the database";
-    long long iFirst = DaemonRunner::SimReportedBytes(0);
-    EXPECT_GE(iFirst, 3 * 8000);
-
-    // Recording went on: the one file holds every byte of the call.
-    glob_t rGlob;
-    ASSERT_EQ(glob(DaemonRunner::Path("/recordings/*/*/*/*/*.wav").c_str(), 0, nullptr, &rGlob), 0);
-    ASSERT_EQ(rGlob.gl_pathc, 1u);
-    std::string strFirstFile = rGlob.gl_pathv[0];
-    globfree(&rGlob);
-    ExpectPatternRecording(strFirstFile, kFormatALaw, 21, iFirst);
-
-    // Server back: the first call's final row was lost with it (the outage
-    // really hit), the next call gets both rows, complete.
-    ASSERT_TRUE(PgStartServer());
-    EXPECT_EQ(CountRows("Calls", "true"), 0);
-    ASSERT_TRUE(SimOk("audio 0 pattern 22"));
-    RingAndPickUp(0, "0302222222", 600);
-    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls WHERE remote = '0302222222'",
-                                           "1", 10000));
-    SleepMs(3000);
-    ASSERT_TRUE(SimOk("state 0 idle"));
-    EXPECT_TRUE(
-        DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE remote = '0302222222'", "1", 10000));
-    EXPECT_EQ(CountRows("ActiveCalls", "remote = '0302222222'"), 0);
-    Row row = LoadCall("remote = '0302222222'");
-    ExpectCompleteCall(row, 1, "0302222222", 554, "0");
-    ASSERT_FALSE(row.empty());
-    EXPECT_NE(RecordingPath(row), strFirstFile);
-    ExpectPatternRecording(RecordingPath(row), kFormatALaw, 22, DaemonRunner::SimReportedBytes(0) - iFirst);
-
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
 }
 
 } // namespace

@@ -7,41 +7,19 @@
 // database, and a recorder that goes on recording while a client connects
 // and stays silent. Each start costs the driver's board wait, so every test
 // checks several facts on one start.
-#include <gtest/gtest.h>
+#include "e2e_util.h"
 
 #include <chrono>
-#include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <glob.h>
-#include <sstream>
-#include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
 
-#include "daemon_runner.h"
-#include "pg_test_util.h"
+using namespace e2e;
 
 namespace {
 
 const char* kAnalogBoard = "[board]\nmodel=ATP-24A\nserial=10204\nchannels=4\n";
-const int kStartMs = 60000; // board wait, detection tool, driver start
-
-void SleepMs(int iMs)
-{
-    usleep(static_cast<useconds_t>(iMs) * 1000);
-}
-
-bool SimOk(const std::string& strCommand)
-{
-    std::string strReply = DaemonRunner::SimCommand(strCommand);
-    EXPECT_EQ(strReply.compare(0, 2, "OK"), 0) << strCommand << ": " << strReply;
-    return strReply.compare(0, 2, "OK") == 0;
-}
 
 std::string SocketPath()
 {
@@ -84,15 +62,9 @@ struct CtlResult {
     int iExit = -1;
     std::string strOut;
     std::string strErr;
+    // "<exit status>|<standard output>|<standard error>"
+    std::string All() const { return std::to_string(iExit) + "|" + strOut + "|" + strErr; }
 };
-
-std::string ReadFile(const std::string& strPath)
-{
-    std::ifstream f(strPath, std::ios::binary);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 // Runs the built crecctl with these arguments (already shell-safe).
 CtlResult Ctl(const std::string& strArgs)
@@ -140,26 +112,6 @@ int CountFiles(const std::string& strCallId)
     return iCount;
 }
 
-int CountRows(const std::string& strTable, const std::string& strWhere)
-{
-    return std::stoi("0" + PgQuery("SELECT count(*) FROM " + strTable + " WHERE " + strWhere));
-}
-
-bool ExitedWith(int iStatus, int iCode)
-{
-    return iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == iCode;
-}
-
-void RingAndPickUp(int iCh, const std::string& strCallerId)
-{
-    std::string strCh = std::to_string(iCh);
-    SimOk("state " + strCh + " ringing");
-    SleepMs(500);
-    SimOk("cid " + strCh + " " + strCallerId);
-    SleepMs(500);
-    SimOk("state " + strCh + " pickup");
-}
-
 TEST(ControlClient, HelpWrongUseAndNoDaemonAreToldApart)
 {
     CtlResult r = Ctl("--help");
@@ -188,17 +140,12 @@ TEST(ControlClient, HelpWrongUseAndNoDaemonAreToldApart)
         << r.strErr;
 }
 
-TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
+TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactRepliesThenTracing)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard) && DaemonRunner::SeedDatabase());
     ASSERT_TRUE(DaemonRunner::AddConfig("o", "SilOnDemand", "1"));
     ASSERT_TRUE(DaemonRunner::AddConfig("o", "DelOnDmdType", "1"));
-    // The remains of a crashed daemon must not stand in the way.
-    std::string strStale = SocketPath();
-    {
-        std::ofstream f(strStale);
-    }
+    WriteFile(SocketPath(), ""); // the remains of a crashed daemon must not stand in the way
     DaemonRunner d;
     ASSERT_TRUE(d.Start());
     ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
@@ -206,7 +153,7 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
     EXPECT_FALSE(d.HasLine("Socket communication error"));
 
     ASSERT_TRUE(SimOk("audio 1 pattern 21"));
-    RingAndPickUp(1, "0301112222");
+    RingAndPickUp(1, "0301112222", 1000);
     std::string strId = ActiveCallId(2);
     ASSERT_FALSE(strId.empty());
 
@@ -218,34 +165,24 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
     EXPECT_EQ(Command("sound 20200101_000000_002_01"), "E2: unknown call\n");
     EXPECT_EQ(Command("sound " + strId + "\n"), "E2: unknown call\n");
     EXPECT_EQ(Command("Sound " + strId), "E0: Unknown commmand\n");
-    CtlResult r = Ctl("silence " + strId);
-    EXPECT_EQ(r.iExit, 0);
-    EXPECT_EQ(r.strOut, "OK\n");
-    r = Ctl("start " + strId);
-    EXPECT_EQ(r.iExit, 1);
-    EXPECT_EQ(r.strErr, "E3: option RecOnDmd is off\n");
-    EXPECT_EQ(r.strOut, "");
-    r = Ctl("sound nobody");
-    EXPECT_EQ(r.iExit, 1);
-    EXPECT_EQ(r.strErr, "E2: unknown call\n");
+    EXPECT_EQ(Ctl("silence " + strId).All(), "0|OK\n|");
+    EXPECT_EQ(Ctl("start " + strId).All(), "1||E3: option RecOnDmd is off\n");
+    EXPECT_EQ(Ctl("sound nobody").All(), "1||E2: unknown call\n");
     EXPECT_TRUE(d.HasLine("Command: 'sound' Param: 'nobody'"));
 
     // change_local answers with the result of the act before it.
     EXPECT_EQ(Command("change_local 31|0301112222|0"), "E2: unknown call\n");
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT local FROM ActiveCalls WHERE linenr = 2", "31", 3000));
     EXPECT_EQ(Ctl("sound " + strId).iExit, 0);
-    r = Ctl("change-local 32 000301112222 0"); // "00" before the line's number
-    EXPECT_EQ(r.iExit, 0);
-    EXPECT_EQ(r.strOut, "OK\n");
+    // "00" before the line's number
+    EXPECT_EQ(Ctl("change-local 32 000301112222 0").All(), "0|OK\n|");
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT local FROM ActiveCalls WHERE linenr = 2", "32", 3000));
     EXPECT_EQ(ActiveCallId(2), strId) << "0: the same recording goes on";
 
     // chst writes the line's state file; a line that doesn't exist is no error.
     std::string strState = DaemonRunner::Path("/var/quorda/data/chstate_2.dat");
     unlink(strState.c_str());
-    r = Ctl("chst 2");
-    EXPECT_EQ(r.iExit, 0);
-    EXPECT_EQ(access(strState.c_str(), F_OK), 0);
+    EXPECT_EQ(Ctl("chst 2").iExit, 0);
     EXPECT_EQ(ReadFile(strState).compare(0, 9, "Voltage: "), 0) << ReadFile(strState);
     EXPECT_EQ(ReadFile(strState).back(), '\n');
     EXPECT_EQ(Command("chst 77"), "OK\n");
@@ -253,9 +190,7 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
 
     // reconfig answers at once and reloads the options on the main thread.
     ASSERT_TRUE(DaemonRunner::AddConfig("o", "RecOnDmdType", "2"));
-    r = Ctl("reconfig");
-    EXPECT_EQ(r.iExit, 0);
-    EXPECT_EQ(r.strOut, "OK\n");
+    EXPECT_EQ(Ctl("reconfig").All(), "0|OK\n|");
     EXPECT_TRUE(d.WaitForLine("RecOnDmdType: 2", 3000));
 
     // A client that connects and says nothing holds the socket; the
@@ -266,7 +201,7 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
     SleepMs(2000);
     long long iAfter = DaemonRunner::SimReportedBytes(1);
     EXPECT_GE(iAfter - iBefore, 12000) << "the main loop stalled";
-    EXPECT_EQ(CountRows("ActiveCalls", "linenr = 2"), 1);
+    EXPECT_EQ(Count("ActiveCalls", "linenr = 2"), 1);
     close(fdSilent);
     EXPECT_EQ(Command("chst 2"), "OK\n");
 
@@ -280,9 +215,7 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
     auto t = std::chrono::steady_clock::now();
     EXPECT_EQ(Command("sound " + strId), "E4: time-out\n");
     EXPECT_LT(std::chrono::steady_clock::now() - t, std::chrono::milliseconds(1000));
-    r = Ctl("chst 2");
-    EXPECT_EQ(r.iExit, 1);
-    EXPECT_EQ(r.strErr, "E4: time-out\n");
+    EXPECT_EQ(Ctl("chst 2").All(), "1||E4: time-out\n");
     rLock.join();
     EXPECT_EQ(Command("sound " + strId), "OK\n");
 
@@ -291,26 +224,58 @@ TEST(ControlSocket, EveryCommandOnAnAnalogCallWithExactReplies)
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls WHERE linenr = 2", "0", 3000));
     ASSERT_TRUE(SimOk("state 1 idle"));
     SleepMs(1000);
-    EXPECT_EQ(CountRows("Calls", "true"), 0);
+    EXPECT_EQ(Count("Calls", "true"), 0);
     EXPECT_EQ(CountFiles(strId), 0);
 
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
+    // Tracing ends the calls, writes the trace files and stops back to normal.
+    ASSERT_TRUE(SimOk("audio 2 pattern 41"));
+    RingAndPickUp(2, "0508880000", 1000);
+    ASSERT_FALSE(ActiveCallId(3).empty());
+    SleepMs(1000);
+
+    EXPECT_EQ(Command("bittrace_stop"), "ERR: already stopped\n");
+    EXPECT_EQ(Ctl("trace start 2").All(), "0|OK\n|");
+    ASSERT_TRUE(d.WaitForLine("Starting bit stream tracing on channel 2", 5000));
+    EXPECT_EQ(Command("bittrace_start 3"), "ERR: already started\n");
+    // The call in progress was ended, and kept, before the trace began.
+    EXPECT_EQ(Count("ActiveCalls"), 0);
+    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE linenr = 3", "1", 5000));
+
+    // Commands are still served, one act per step of the trace.
+    EXPECT_EQ(Command("chst 3"), "OK\n");
+    EXPECT_EQ(Command("sound nobody"), "E2: unknown call\n");
+    SleepMs(1000);
+    std::string strLog = DaemonRunner::Path("/recordings/log/");
+    EXPECT_GT(ReadFile(strLog + "trace.bit").size(), 320u);
+    EXPECT_TRUE(Exists(strLog + "trace.wav"));
+
+    EXPECT_EQ(Ctl("trace stop").iExit, 0);
+    ASSERT_TRUE(d.WaitForLine("Stopped bit stream tracing", 3000));
+    EXPECT_EQ(Ctl("trace stop").All(), "1||ERR: already stopped\n");
+    size_t iBits = ReadFile(strLog + "trace.bit").size();
+    // The logs are complete once the files are closed.
+    EXPECT_EQ(
+        ReadFile(strLog + "dch.log").compare(0, 50, "[Ch] Seconds  EventCo. SubReas. XtraInfo DataLen.\n"),
+        0);
+    EXPECT_EQ(ReadFile(strLog + "dmsg.log").compare(0, 13, "[Ch] Seconds\n"), 0);
+
+    // Events are handled again: the next call is tracked.
+    RingAndPickUp(2, "0508880001", 1000);
+    EXPECT_FALSE(ActiveCallId(3).empty());
+    EXPECT_EQ(ReadFile(strLog + "trace.bit").size(), iBits) << "the stream has stopped";
+
+    StopDaemon(d);
     EXPECT_LT(d.LineIndex("reactor exit"), d.LineIndex("QUORDA-CREC exit"));
     EXPECT_EQ(Ctl("chst 2").iExit, 2) << "the socket file stays, nobody listens";
 }
 
 TEST(ControlSocket, RecordOnDemandWaitsForStartAndKeepsThePartsByTheRules)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    ASSERT_TRUE(DaemonRunner::AddConfig("crec", "Syn10204_RecOnDmd", "1,0,0,0"));
-    ASSERT_TRUE(DaemonRunner::AddConfig("o", "RecMinDur", "3"));
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
-    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
+    ASSERT_TRUE(
+        StartDaemon(d, kAnalogBoard, {{"crec", "Syn10204_RecOnDmd", "1,0,0,0"}, {"o", "RecMinDur", "3"}}));
     ASSERT_TRUE(SimOk("audio 0 pattern 31"));
-    RingAndPickUp(0, "0407770000");
+    RingAndPickUp(0, "0407770000", 1000);
 
     // Waiting: an active row, no recording, no file.
     std::string strFirst = ActiveCallId(1);
@@ -321,8 +286,7 @@ TEST(ControlSocket, RecordOnDemandWaitsForStartAndKeepsThePartsByTheRules)
     EXPECT_NE(DaemonRunner::SimCommand("audio 0").find(" recordings 0 "), std::string::npos);
 
     // start: a recording under a new id; stop after 4 s: kept.
-    CtlResult r = Ctl("start " + strFirst);
-    EXPECT_EQ(r.iExit, 0) << r.strErr;
+    EXPECT_EQ(Ctl("start " + strFirst).All(), "0|OK\n|");
     std::string strKept = ActiveCallId(1, strFirst);
     ASSERT_FALSE(strKept.empty());
     EXPECT_EQ(PgQuery("SELECT isarchived FROM ActiveCalls WHERE linenr = 1"), "1");
@@ -354,66 +318,14 @@ TEST(ControlSocket, RecordOnDemandWaitsForStartAndKeepsThePartsByTheRules)
     ASSERT_TRUE(SimOk("state 0 idle"));
     EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM ActiveCalls", "0", 3000));
     SleepMs(1000);
-    EXPECT_EQ(CountRows("Calls", "true"), 1);
+    EXPECT_EQ(Count("Calls", "true"), 1);
     EXPECT_EQ(CountFiles(strPart), 0);
     EXPECT_EQ(CountFiles(strKept), 1);
     // Ids of earlier parts no longer name the line.
     EXPECT_EQ(Command("stop " + strFirst), "E2: unknown call\n");
     EXPECT_EQ(Command("stop " + strKept), "E2: unknown call\n");
 
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
-}
-
-TEST(ControlSocket, TracingEndsTheCallsWritesTheTraceFilesAndStopsBackToNormal)
-{
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    DaemonRunner d;
-    ASSERT_TRUE(d.Start());
-    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
-    ASSERT_TRUE(SimOk("audio 2 pattern 41"));
-    RingAndPickUp(2, "0508880000");
-    ASSERT_FALSE(ActiveCallId(3).empty());
-    SleepMs(1000);
-
-    EXPECT_EQ(Command("bittrace_stop"), "ERR: already stopped\n");
-    CtlResult r = Ctl("trace start 2");
-    EXPECT_EQ(r.iExit, 0);
-    EXPECT_EQ(r.strOut, "OK\n");
-    ASSERT_TRUE(d.WaitForLine("Starting bit stream tracing on channel 2", 5000));
-    EXPECT_EQ(Command("bittrace_start 3"), "ERR: already started\n");
-    // The call in progress was ended, and kept, before the trace began.
-    EXPECT_EQ(CountRows("ActiveCalls", "true"), 0);
-    EXPECT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls WHERE linenr = 3", "1", 5000));
-
-    // Commands are still served, one act per step of the trace.
-    EXPECT_EQ(Command("chst 3"), "OK\n");
-    EXPECT_EQ(Command("sound nobody"), "E2: unknown call\n");
-    SleepMs(1000);
-    std::string strLog = DaemonRunner::Path("/recordings/log/");
-    EXPECT_GT(ReadFile(strLog + "trace.bit").size(), 320u);
-    EXPECT_EQ(access((strLog + "trace.wav").c_str(), F_OK), 0);
-
-    r = Ctl("trace stop");
-    EXPECT_EQ(r.iExit, 0);
-    ASSERT_TRUE(d.WaitForLine("Stopped bit stream tracing", 3000));
-    r = Ctl("trace stop");
-    EXPECT_EQ(r.iExit, 1);
-    EXPECT_EQ(r.strErr, "ERR: already stopped\n");
-    size_t iBits = ReadFile(strLog + "trace.bit").size();
-    // The logs are complete once the files are closed.
-    EXPECT_EQ(
-        ReadFile(strLog + "dch.log").compare(0, 50, "[Ch] Seconds  EventCo. SubReas. XtraInfo DataLen.\n"),
-        0);
-    EXPECT_EQ(ReadFile(strLog + "dmsg.log").compare(0, 13, "[Ch] Seconds\n"), 0);
-
-    // Events are handled again: the next call is tracked.
-    RingAndPickUp(2, "0508880001");
-    EXPECT_FALSE(ActiveCallId(3).empty());
-    EXPECT_EQ(ReadFile(strLog + "trace.bit").size(), iBits) << "the stream has stopped";
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
+    StopDaemon(d);
 }
 
 } // namespace

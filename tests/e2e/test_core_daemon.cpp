@@ -4,55 +4,26 @@
 // statuses, the crash marker, and the waits for cards, card start and
 // database. Each start costs the driver's 10 s board wait, so every test
 // checks several facts on one start.
-#include <gtest/gtest.h>
+#include "e2e_util.h"
 
 #include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <fstream>
-#include <sstream>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include "daemon_runner.h"
-#include "pg_test_util.h"
+using namespace e2e;
 
 namespace {
 
 const char* kPriAndDst = "[board]\nmodel=DTP-120\nserial=7001\nchannels=120\n\n"
                          "[board]\nmodel=DST-32\nserial=7002\nchannels=32\n";
 const char* kOneAnalog = "[board]\nmodel=ATP-24A\nserial=7003\nchannels=24\n";
-const char* kNoBoards = "# no cards in this machine\n";
-
-const int kStartMs = 60000; // board wait, detection tool, driver start
-
-std::string ReadFile(const std::string& strPath)
-{
-    std::ifstream f(strPath);
-    std::stringstream s;
-    s << f.rdbuf();
-    return s.str();
-}
 
 bool WaitForFileText(const std::string& strPath, const std::string& strText)
 {
     for (int i = 0; i < 100; ++i) {
         if (ReadFile(strPath).find(strText) != std::string::npos)
             return true;
-        usleep(20000);
+        SleepMs(20);
     }
     return false;
-}
-
-void Touch(const std::string& strPath)
-{
-    std::ofstream f(strPath);
-}
-
-bool ExitedWith(int iStatus, int iCode)
-{
-    return iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == iCode;
 }
 
 // A driver channel's creation line: web channel, driver channel and type.
@@ -69,37 +40,51 @@ bool HasChannelLine(DaemonRunner& d, int iWeb, int iDrv, int iType)
 
 TEST(DaemonGates, WithoutTheCardDriverTheProcessEndsAtOnce)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    ASSERT_EQ(system(("rm -rf " + DaemonRunner::Path("/usr/local/lib/shcti")).c_str()), 0);
     DaemonRunner d;
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog) && DaemonRunner::SeedDatabase());
+    ASSERT_EQ(system(("rm -rf " + DaemonRunner::Path("/usr/local/lib/shcti")).c_str()), 0);
     ASSERT_TRUE(d.Start());
     EXPECT_TRUE(ExitedWith(d.WaitExit(10000), 0));
     EXPECT_TRUE(d.HasLine("Not starting because card driver not there"));
     EXPECT_FALSE(d.HasLine("QUORDA-CREC start"));
-    EXPECT_EQ(access(DaemonRunner::Path("/var/quorda/data/err_crec.dat").c_str(), F_OK), -1);
+    EXPECT_FALSE(Exists(DaemonRunner::Path("/var/quorda/data/err_crec.dat")));
 }
 
-TEST(DaemonGates, DisabledByFileIdlesUntilSigterm)
+TEST(DaemonGates, DisabledByFileWaitsForTheDatabaseThenIdlesUntilSigterm)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    Touch(DaemonRunner::Path("/var/quorda/conf/crec_disabled"));
+    // PGHOST names an empty directory until the test links the server's
+    // socket into it: the daemon must wait, then go on by itself.
+    PgUseTestServer();
+    std::string strRealHost = getenv("PGHOST");
+    char acDir[] = "/tmp/qpgXXXXXX";
+    ASSERT_NE(mkdtemp(acDir), nullptr);
+    std::string strDir = acDir;
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog) && DaemonRunner::SeedDatabase());
+    WriteFile(DaemonRunner::Path("/var/quorda/conf/crec_disabled"), "");
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
+    {
+        ScopedEnv rHost("PGHOST", strDir);
+        ASSERT_TRUE(d.Start());
+    }
+    EXPECT_TRUE(d.WaitForLine("Waiting to connect to database", 10000));
+    std::string strSock = strRealHost + "/.s.PGSQL.5433";
+    for (const char* pcPort : {"5432", "5433"})
+        EXPECT_EQ(symlink(strSock.c_str(), (strDir + "/.s.PGSQL." + pcPort).c_str()), 0);
     ASSERT_TRUE(d.WaitForLine("waiting for exit", 20000));
     EXPECT_TRUE(d.HasLine("Card recording is disabled using file"));
     EXPECT_EQ(d.WaitExit(1000), -1); // still there, idle
     d.Signal(SIGTERM);
     EXPECT_TRUE(ExitedWith(d.WaitExit(3000), 0));
     EXPECT_LT(d.LineIndex("Closing extra threads"), d.LineIndex("QUORDA-CREC exit"));
+    for (const char* pcPort : {"5432", "5433"})
+        unlink((strDir + "/.s.PGSQL." + pcPort).c_str());
+    rmdir(strDir.c_str());
 }
 
 TEST(DaemonGates, DisabledInTheDatabaseIdlesAndACrashLeavesItsMarkerAndBacktrace)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase("0"));
     DaemonRunner d;
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog) && DaemonRunner::SeedDatabase("0"));
     ASSERT_TRUE(d.Start());
     ASSERT_TRUE(d.WaitForLine("waiting for exit", 20000));
     EXPECT_TRUE(d.HasLine("Card recording is disabled in database"));
@@ -121,24 +106,18 @@ TEST(DaemonGates, DisabledInTheDatabaseIdlesAndACrashLeavesItsMarkerAndBacktrace
 
 TEST(DaemonRun, StartsNumbersTheChannelsRoutesEventsAndStopsInOrder)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kPriAndDst));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
-    ASSERT_TRUE(d.WaitForLine("** STARTED **", kStartMs));
+    ASSERT_TRUE(StartDaemon(d, kPriAndDst));
     EXPECT_TRUE(d.HasLine("QUORDA-CREC start"));
     EXPECT_TRUE(d.HasLine("Boards: 2"));
     EXPECT_TRUE(d.HasLine("Total Drv. Max. Ch.: 152"));
     EXPECT_TRUE(d.HasLine("Card driver version "));
 
     // A PRI card numbers its first 30 of each 60 driver channels for the web.
-    EXPECT_TRUE(HasChannelLine(d, 1, 0, 7));
-    EXPECT_TRUE(HasChannelLine(d, 30, 29, 7));
-    EXPECT_TRUE(HasChannelLine(d, -1, 30, 7));
-    EXPECT_TRUE(HasChannelLine(d, 31, 60, 7));
-    EXPECT_TRUE(HasChannelLine(d, -1, 119, 7));
-    EXPECT_TRUE(HasChannelLine(d, 61, 120, 12));
-    EXPECT_TRUE(HasChannelLine(d, 92, 151, 12));
+    const int aiChannels[][3] = {{1, 0, 7},    {30, 29, 7},   {-1, 30, 7},  {31, 60, 7},
+                                 {-1, 119, 7}, {61, 120, 12}, {92, 151, 12}};
+    for (const auto& c : aiChannels)
+        EXPECT_TRUE(HasChannelLine(d, c[0], c[1], c[2])) << c[0] << " {" << c[1] << "}";
     EXPECT_TRUE(d.HasLine("Board audio detect "));
 
     std::string strCrec = PgQuery("SELECT param || '=' || value FROM Configs WHERE part = 'crec'");
@@ -152,11 +131,11 @@ TEST(DaemonRun, StartsNumbersTheChannelsRoutesEventsAndStopsInOrder)
 
     // An event past the last channel is logged and dropped; the daemon
     // goes on, as the next event's effect shows.
-    EXPECT_EQ(DaemonRunner::SimCommand("event 24 152 param=8").substr(0, 2), "OK");
+    SimOk("event 24 152 param=8");
     EXPECT_TRUE(d.WaitForLine("Channel out of range: 152", 5000));
-    EXPECT_EQ(DaemonRunner::SimCommand("state 0 8").substr(0, 2), "OK");
+    SimOk("state 0 8");
     EXPECT_TRUE(d.WaitForLine("[1] Line health: offline", 5000));
-    EXPECT_EQ(access(DaemonRunner::Path("/var/quorda/data/crec_event").c_str(), F_OK), 0);
+    EXPECT_TRUE(Exists(DaemonRunner::Path("/var/quorda/data/crec_event")));
     // The log line comes just before the status file is rewritten.
     EXPECT_TRUE(WaitForFileText(DaemonRunner::Path("/var/quorda/data/linestatus.dat"), "Line_1: offline\n"));
 
@@ -168,15 +147,13 @@ TEST(DaemonRun, StartsNumbersTheChannelsRoutesEventsAndStopsInOrder)
     EXPECT_LT(d.LineIndex("Closing extra threads"), d.LineIndex("QUORDA-CREC exit"));
     EXPECT_FALSE(d.HasLine("waiting for exit"));
     // Shutdown removes the status file: its presence means the recorder is up.
-    EXPECT_EQ(access(DaemonRunner::Path("/var/quorda/data/linestatus.dat").c_str(), F_OK), -1);
+    EXPECT_FALSE(Exists(DaemonRunner::Path("/var/quorda/data/linestatus.dat")));
 }
 
 TEST(DaemonRun, SigtermWhileWaitingForCardsGivesStatusTwo)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kNoBoards));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(StartDaemon(d, "# no cards in this machine\n", {}, false));
     ASSERT_TRUE(d.WaitForLine("No cards found", kStartMs));
     EXPECT_TRUE(d.HasLine("Old card count: "));
     d.Signal(SIGTERM);
@@ -186,48 +163,14 @@ TEST(DaemonRun, SigtermWhileWaitingForCardsGivesStatusTwo)
 
 TEST(DaemonRun, CardsThatNeverStartGiveStatusOneAfterSigterm)
 {
-    std::string strHw = std::string(kOneAnalog) + "\n[start]\nfail_first=1000000\n";
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(strHw));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
     DaemonRunner d;
-    ASSERT_TRUE(d.Start());
+    ASSERT_TRUE(StartDaemon(d, std::string(kOneAnalog) + "\n[start]\nfail_first=1000000\n", {}, false));
     ASSERT_TRUE(d.WaitForLine("Could not (yet) start", kStartMs));
     ASSERT_TRUE(d.WaitForLine("waiting for exit", 40000));
     EXPECT_TRUE(d.HasLine("Error in SsmStartCti: "));
     EXPECT_FALSE(d.HasLine("** STARTED **"));
     d.Signal(SIGTERM);
     EXPECT_TRUE(ExitedWith(d.WaitExit(3000), 1));
-}
-
-TEST(DaemonRun, DatabaseDownAtStartIsWaitedFor)
-{
-    // PGHOST names an empty directory until the test links the server's
-    // socket into it: the daemon must wait, then go on by itself.
-    PgUseTestServer();
-    std::string strRealHost = getenv("PGHOST");
-    char acDir[] = "/tmp/qpgXXXXXX";
-    ASSERT_NE(mkdtemp(acDir), nullptr);
-    std::string strDir = acDir;
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kOneAnalog));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    Touch(DaemonRunner::Path("/var/quorda/conf/crec_disabled"));
-    setenv("PGHOST", strDir.c_str(), 1);
-    DaemonRunner d;
-    bool fStarted = d.Start();
-    setenv("PGHOST", strRealHost.c_str(), 1);
-    ASSERT_TRUE(fStarted);
-
-    EXPECT_TRUE(d.WaitForLine("Waiting to connect to database", 10000));
-    std::string strSock = strRealHost + "/.s.PGSQL.5433";
-    EXPECT_EQ(symlink(strSock.c_str(), (strDir + "/.s.PGSQL.5432").c_str()), 0);
-    EXPECT_EQ(symlink(strSock.c_str(), (strDir + "/.s.PGSQL.5433").c_str()), 0);
-    EXPECT_TRUE(d.WaitForLine("waiting for exit", 10000));
-    EXPECT_TRUE(d.HasLine("Card recording is disabled using file"));
-    d.Signal(SIGTERM);
-    EXPECT_TRUE(ExitedWith(d.WaitExit(3000), 0));
-    unlink((strDir + "/.s.PGSQL.5432").c_str());
-    unlink((strDir + "/.s.PGSQL.5433").c_str());
-    rmdir(strDir.c_str());
 }
 
 } // namespace

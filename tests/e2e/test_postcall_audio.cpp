@@ -6,11 +6,11 @@
 // several calls: the final file is judged by soxi and the independent tools,
 // the Calls row by psql. Analog lines record mono: "RecStereo" only affects
 // PRI lines, so here it must leave the MP3 at the mono bit rate.
-#include "postcall_e2e.h"
+#include "e2e_util.h"
 
 #include <cstdlib>
 
-using namespace postcall;
+using namespace e2e;
 
 namespace {
 

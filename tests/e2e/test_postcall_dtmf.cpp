@@ -6,7 +6,7 @@
 // start and stop on a record-on-demand line, delete), the rules by which
 // digits become the remote number, and a service that answers wrongly and
 // then is gone.
-#include "postcall_e2e.h"
+#include "e2e_util.h"
 #include "service_listener.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@
 #include <memory>
 #include <thread>
 
-using namespace postcall;
+using namespace e2e;
 
 namespace {
 

@@ -4,47 +4,19 @@
 // "SforceLink" on must reach the tracker exactly once per Calls row, with
 // the row's id, although the stand-in dies on every third request of each
 // process; at the stop the daemon ends the tracker with its exit message.
-#include <gtest/gtest.h>
+#include "e2e_util.h"
 
 #include <algorithm>
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <set>
 #include <sstream>
-#include <sys/wait.h>
-#include <thread>
-#include <unistd.h>
 
-#include "daemon_runner.h"
-#include "pg_test_util.h"
+using namespace e2e;
 
 namespace {
 
 const char* kAnalogBoard = "[board]\nmodel=ATP-24A\nserial=10204\nchannels=4\n";
-const int kStartMs = 60000; // board wait, detection tool, driver start
 const char* kPostPrefix = "type=crec&act=post&id=";
-
-void SleepMs(int iMs)
-{
-    std::this_thread::sleep_for(std::chrono::milliseconds(iMs));
-}
-
-bool SimOk(const std::string& strCommand)
-{
-    std::string strReply = DaemonRunner::SimCommand(strCommand);
-    EXPECT_EQ(strReply.compare(0, 2, "OK"), 0) << strCommand << ": " << strReply;
-    return strReply.compare(0, 2, "OK") == 0;
-}
-
-void CopyFile(const std::string& strFrom, const std::string& strTo)
-{
-    std::ifstream in(strFrom, std::ios::binary);
-    std::ofstream out(strTo, std::ios::binary);
-    out << in.rdbuf();
-}
 
 // The stand-in as the daemon's tracker.php, and the daemon's php path
 // leading to the system's php.
@@ -55,8 +27,8 @@ bool InstallTracker(const std::string& strVariant)
     if (system(("mkdir -p " + strCmd + " " + strBin).c_str()) != 0)
         return false;
     std::string strData = QUORDA_SOURCE_DIR "/tests/data/tracker/";
-    CopyFile(strData + "tracker_lib.php", strCmd + "/tracker_lib.php");
-    CopyFile(strData + strVariant, strCmd + "/tracker.php");
+    WriteFile(strCmd + "/tracker_lib.php", ReadFile(strData + "tracker_lib.php"));
+    WriteFile(strCmd + "/tracker.php", ReadFile(strData + strVariant));
     return symlink("/usr/bin/php", (strBin + "/php").c_str()) == 0;
 }
 
@@ -82,11 +54,6 @@ std::vector<std::string> PostedIds()
         if (e.second.compare(0, strlen(kPostPrefix), kPostPrefix) == 0)
             v.push_back(e.second.substr(strlen(kPostPrefix)));
     return v;
-}
-
-int CountCalls()
-{
-    return atoi(PgQuery("SELECT count(*) FROM Calls").c_str());
 }
 
 template <class Pred> bool WaitUntil(Pred pred, int iMs)
@@ -123,9 +90,8 @@ void CallsOnChannels(int iFirst, int iLast)
 
 TEST(TrackerDaemon, EveryFinishedCallIsPostedOnceAcrossTrackerCrashes)
 {
-    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard));
-    ASSERT_TRUE(DaemonRunner::SeedDatabase());
-    ASSERT_TRUE(PgExec("INSERT INTO Configs (param, value, part) VALUES ('SforceLink', '1', 'o')"));
+    ASSERT_TRUE(DaemonRunner::PrepareRoot(kAnalogBoard) && DaemonRunner::SeedDatabase());
+    ASSERT_TRUE(DaemonRunner::AddConfig("o", "SforceLink", "1"));
     ASSERT_TRUE(InstallTracker("tracker_crash.php")); // dies on each process's 3rd request
     DaemonRunner d;
     ASSERT_TRUE(d.Start());
@@ -135,7 +101,7 @@ TEST(TrackerDaemon, EveryFinishedCallIsPostedOnceAcrossTrackerCrashes)
     CallsOnChannels(0, 3);
     SleepMs(300);
     CallsOnChannels(0, 1);
-    ASSERT_TRUE(WaitUntil([] { return CountCalls() == 6; }, 15000)) << CountCalls();
+    ASSERT_TRUE(DaemonRunner::WaitForQuery("SELECT count(*) FROM Calls", "6", 15000));
     ASSERT_TRUE(WaitUntil([] { return PostedIds().size() >= 6; }, 20000)) << PostedIds().size();
     SleepMs(500); // a late duplicate would show by now
 
@@ -158,9 +124,7 @@ TEST(TrackerDaemon, EveryFinishedCallIsPostedOnceAcrossTrackerCrashes)
     EXPECT_GE(CountLines(d, "LineCom Restart"), 2);
     EXPECT_EQ(CountLines(d, "LineCom SendMsg post failed"), 0);
 
-    d.Signal(SIGTERM);
-    int iStatus = d.WaitExit(10000);
-    EXPECT_TRUE(iStatus != -1 && WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
+    StopDaemon(d);
     std::vector<std::pair<std::string, std::string>> vLog = TrackerLog();
     ASSERT_FALSE(vLog.empty());
     EXPECT_EQ(vLog.back().second, "exit");
