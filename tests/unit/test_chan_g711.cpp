@@ -32,8 +32,9 @@ TEST(G711Test, EveryCodeRoundTripsAndTheLawToLawTablesAgreeWithTheLinearValues)
         unsigned char c = static_cast<unsigned char>(i);
         EXPECT_EQ(linear2alaw(alaw2linear(c)), c);
         // u-law has two codes for zero (127 and 255); both expand to 0.
-        if (i != 127)
+        if (i != 127) {
             EXPECT_EQ(linear2ulaw(ulaw2linear(c)), c);
+        }
         // A direct conversion must land on a code of nearly the same value: an
         // error in one table entry shows as a jump of a whole step or more.
         int iA = alaw2linear(c);
