@@ -5,6 +5,7 @@
 
 #include "BaseChannel.h"
 #include "fake_database.h"
+#include "plain_channels.h"
 #include "recorder.h"
 
 namespace {
@@ -14,13 +15,7 @@ protected:
     void SetUp() override
     {
         rec.prDatabase = &db;
-        for (int i = 0; i < 3; ++i) {
-            BaseChannel* prCh = new BaseChannel();
-            prCh->iChIx = prCh->iDrvCh = i;
-            prCh->iChannel = i + 1;
-            prCh->prRecorder = &rec;
-            rec.vChannels.push_back(prCh);
-        }
+        AddPlainChannels(rec, 3);
         Ch(0)->strDbRemoteId = "20240131_084501_001_01";
         Ch(1)->strDbRemoteId = "20240131_084502_002_01";
         Ch(2)->strDbRemoteId = "20240131_084502_002_01"; // a duplicate: the lower position wins

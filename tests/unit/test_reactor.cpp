@@ -18,6 +18,7 @@
 #include "BaseChannel.h"
 #include "fake_database.h"
 #include "log_capture.h"
+#include "plain_channels.h"
 #include "reactor.h"
 #include "recorder.h"
 #include "support_temp_root.h"
@@ -107,14 +108,9 @@ protected:
         SetCurrentBoot(prBoot);
         rec.prBoot = prBoot;
         rec.prDatabase = prBoot->prDatabase;
-        for (int i = 0; i < 3; ++i) {
-            BaseChannel* prCh = new BaseChannel();
-            prCh->iChIx = prCh->iDrvCh = i;
-            prCh->iChannel = i + 1;
-            prCh->prRecorder = &rec;
-            rec.vChannels.push_back(prCh);
+        AddPlainChannels(rec, 3);
+        for (int i = 0; i < 3; ++i)
             prBoot->rWebToDrvChMap[i] = i;
-        }
         Ch(0)->strDbRemoteId = "20240131_084501_001_01";
         Ch(1)->strDbRemoteId = "20240131_084502_002_01";
         strSocket = SysPath("/tmp/quorda_crec");
